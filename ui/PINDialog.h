@@ -1,0 +1,74 @@
+#pragma once
+
+#include <QString>
+#include <QWidget>
+
+class QLineEdit;
+class QTimer;
+
+namespace Ui {
+class PINDialog;
+}
+
+/**
+ * Top-level window in which the user types a PIN: verify, change, unblock or
+ * set, for the user or the administrator. Reports through the UI service's
+ * SetPINStatus and never closes itself.
+ */
+class PINDialog : public QWidget
+{
+    Q_OBJECT
+public:
+    enum KeyBoardMode { SimpleKeyBoard = 0, FullKeyBoard = 1 };
+
+    PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible, unsigned long type,
+              QObject *service, float scale, QWidget *parent = nullptr);
+    ~PINDialog() override;
+
+    const int PIN_MIN_LEN = 6;
+    const int VALID_PIN_TYPE_COUNT = 2;
+
+    bool IsAllInputValid();
+    int IsValidPIN(QString pin);
+    void randomSoftKeyboard();
+
+    unsigned int dialogMode() const { return mode; }
+
+signals:
+    void ShowMessageBox(int, QString, QString);
+
+public:
+    Q_INVOKABLE bool eventFilter(QObject *obj, QEvent *event) override;
+
+public slots:
+    void receiveInput(char c);
+    void receiveBackspace();
+    void ReTranslateUI();
+    void CleanLineEdits();
+    void on_lineEdit_newPin_textChanged(const QString &text);
+    void on_lineEdit_confirmPin_textChanged(const QString &text);
+    void on_pushButton_OK_clicked();
+    void on_pushButton_Cancel_clicked();
+    void on_toolButtonold_softkeyboard_toggled(bool checked);
+    void on_toolButtonnew_softkeyboard_toggled(bool checked);
+    void RefreshNewPinStatus(bool);
+    void RefreshNewPinStatus();
+    void SetWindowAcitive();
+    void RefreshLayout();
+
+protected:
+    void closeEvent(QCloseEvent *event) override;
+
+private:
+    QObject *service = nullptr;
+    QWidget *keyboard = nullptr;
+    Ui::PINDialog *ui = nullptr;
+    QLineEdit *currentLineEdit = nullptr;
+    unsigned int mode = 0xFFFFFFFFu;
+    KeyBoardMode keyBoardMode;
+    bool keyboardVisible;
+    unsigned int pinMinLen = 0;
+    unsigned int pinMaxLen = 0;
+    QTimer *timer = nullptr;
+    float scale;
+};
