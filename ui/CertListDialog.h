@@ -26,6 +26,10 @@ protected:
     void closeEvent(QCloseEvent *event) override;
 
 private:
+    void report(int status, int index);
+
     Ui::CertListDialog *ui = nullptr;
     QObject *service = nullptr;
+    // Set before the first status report, so a later window-manager close stays silent.
+    bool answered = false;
 };

@@ -30,9 +30,12 @@ protected:
 
 private:
     void makeStrMap();
+    void report(int status);
 
     Ui::MessageDialog *ui = nullptr;
     QObject *service = nullptr;
     QMap<QString, QString> strMap;
     unsigned long type = 0;
+    // Set before the first status report, so a later window-manager close stays silent.
+    bool answered = false;
 };
