@@ -1,0 +1,444 @@
+// What the build ships beside the program: resources.rcc with the protected
+// settings, translations and icon under the names the program opens, its
+// signature (checked with the public key compiled into the program and the
+// stand-in algorithm library), the signed test variants, the development
+// ZRUIConf.ini and the waiting animation.
+
+#include "app/TokenLibs.h"
+#include "ZruiPublicKey.h"
+
+#include <QDir>
+#include <QFile>
+#include <QImageReader>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QResource>
+#include <QTemporaryDir>
+#include <QSettings>
+#include <QTranslator>
+#include <QXmlStreamReader>
+#include <QtTest>
+
+#include <dlfcn.h>
+
+namespace {
+
+QString binDir() { return qEnvironmentVariable("ZRUI_BIN_DIR"); }
+
+QString variantsDir() { return qEnvironmentVariable("ZRUI_TEST_RESOURCES_DIR"); }
+
+QString sourceDir() { return qEnvironmentVariable("ZRUI_RESOURCES_SOURCE_DIR"); }
+
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+QString outputPath(const QString &name)
+{
+    QDir().mkpath(qEnvironmentVariable("ZRUI_TEST_OUTPUT"));
+    return qEnvironmentVariable("ZRUI_TEST_OUTPUT") + "/" + name;
+}
+
+// "context | source | translation [unfinished]" per message of a .ts file.
+QStringList tsMessages(const QString &path)
+{
+    QStringList out;
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return {"<cannot open " + path + ">"};
+    QXmlStreamReader xml(&f);
+    QString context, source;
+    while (!xml.atEnd()) {
+        xml.readNext();
+        if (!xml.isStartElement())
+            continue;
+        if (xml.name() == QLatin1String("name")) {
+            context = xml.readElementText();
+        } else if (xml.name() == QLatin1String("source")) {
+            source = xml.readElementText();
+        } else if (xml.name() == QLatin1String("translation")) {
+            const bool unfinished = xml.attributes().value("type") == QLatin1String("unfinished");
+            out << context + " | " + source + " | " + xml.readElementText()
+                            + (unfinished ? " [unfinished]" : "");
+        }
+    }
+    return out;
+}
+
+QSet<QString> placeholders(const QString &text)
+{
+    QSet<QString> found;
+    QRegularExpressionMatchIterator it = QRegularExpression("%\\d").globalMatch(text);
+    while (it.hasNext())
+        found.insert(it.next().captured());
+    return found;
+}
+
+} // namespace
+
+class TestResourceFiles : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void testProtectedSettings_data();
+    void testProtectedSettings();
+    void testSignatures_data();
+    void testSignatures();
+    void testTranslations_data();
+    void testTranslations();
+    void testTranslationSources();
+    void testTranslationsMatchProgramTexts();
+    void testIcon();
+    void testWaitAnimation();
+    void testDevConfig();
+
+private:
+    QStringList m_registered;
+    void *m_alg = nullptr;
+    PFN_ZRA_ReverseData m_reverse = nullptr;
+    PFN_ZRA_RSA_Verify_ZRKey m_verify = nullptr;
+};
+
+void TestResourceFiles::initTestCase()
+{
+    QVERIFY(!binDir().isEmpty() && !variantsDir().isEmpty() && !sourceDir().isEmpty());
+    // Each file under a root of its own, so that they can be compared side
+    // by side; the program registers its file at the root.
+    QVERIFY(QResource::registerResource(binDir() + "/resources.rcc", "/bin"));
+    m_registered << binDir() + "/resources.rcc";
+    for (const char *v : {"keepalive2", "simple", "fullhide", "defaultpin"}) {
+        const QString path = variantsDir() + "/" + v + "/resources.rcc";
+        QVERIFY2(QResource::registerResource(path, QStringLiteral("/") + v), qPrintable(path));
+        m_registered << path;
+    }
+    const QString alg = qEnvironmentVariable("ZRUI_TOKENSIM_DIR") + "libzralg.so";
+    m_alg = dlopen(QFile::encodeName(alg).constData(), RTLD_LAZY | RTLD_DEEPBIND);
+    QVERIFY2(m_alg, dlerror());
+    m_reverse = reinterpret_cast<PFN_ZRA_ReverseData>(dlsym(m_alg, "ZRA_ReverseData"));
+    m_verify = reinterpret_cast<PFN_ZRA_RSA_Verify_ZRKey>(dlsym(m_alg, "ZRA_RSA_Verify_ZRKey"));
+    QVERIFY(m_reverse && m_verify);
+}
+
+void TestResourceFiles::cleanupTestCase()
+{
+    QResource::unregisterResource(binDir() + "/resources.rcc", "/bin");
+    if (m_alg)
+        dlclose(m_alg);
+}
+
+void TestResourceFiles::testProtectedSettings_data()
+{
+    QTest::addColumn<QString>("root");
+    QTest::addColumn<QString>("source");
+    QTest::addColumn<QStringList>("softkeyboard");
+    QTest::addColumn<QString>("defaultpin");
+    QTest::addColumn<QVariant>("keepalive");
+    const QVariant absent;
+    QTest::newRow("shipped") << "bin"
+                             << "protectedconf.ini" << QStringList{"full"} << "" << absent;
+    QTest::newRow("keepalive2") << "keepalive2"
+                                << "test-variants/keepalive2.ini" << QStringList{"full"} << ""
+                                << QVariant(2);
+    QTest::newRow("simple") << "simple"
+                            << "test-variants/simple.ini" << QStringList{"simple"} << "" << absent;
+    QTest::newRow("fullhide") << "fullhide"
+                              << "test-variants/fullhide.ini" << QStringList{"full", "hide"} << ""
+                              << absent;
+    QTest::newRow("defaultpin") << "defaultpin"
+                                << "test-variants/defaultpin.ini" << QStringList{"full"} << "123456"
+                                << absent;
+}
+
+// Read the way the program reads them: QSettings in INI format on
+// ":/protectedconf.ini", with contains() before keepaliveseconds.
+void TestResourceFiles::testProtectedSettings()
+{
+    QFETCH(QString, root);
+    QFETCH(QString, source);
+    QFETCH(QStringList, softkeyboard);
+    QFETCH(QString, defaultpin);
+    QFETCH(QVariant, keepalive);
+
+    const QString path = ":/" + root + "/protectedconf.ini";
+    QVERIFY(QFile::exists(path));
+    QCOMPARE(readAll(path), readAll(sourceDir() + "/" + source));
+
+    QSettings s(path, QSettings::IniFormat);
+    QCOMPARE(s.status(), QSettings::NoError);
+    QCOMPARE(s.value("softkeyboard").toStringList(), softkeyboard);
+    QVERIFY(s.contains("UIServer/defaultpin"));
+    QCOMPARE(s.value("UIServer/defaultpin").toString(), defaultpin);
+    QCOMPARE(s.value("UIServer/timeoutseconds").toString(), QStringLiteral("0"));
+    QCOMPARE(s.contains("UIServer/keepaliveseconds"), keepalive.isValid());
+    if (keepalive.isValid())
+        QCOMPARE(s.value("UIServer/keepaliveseconds").toInt(), keepalive.toInt());
+    QCOMPARE(s.allKeys().size(), keepalive.isValid() ? 4 : 3);
+}
+
+void TestResourceFiles::testSignatures_data()
+{
+    QTest::addColumn<QString>("dir");
+    QTest::newRow("shipped") << binDir();
+    for (const char *v : {"keepalive2", "simple", "fullhide", "defaultpin"})
+        QTest::newRow(v) << variantsDir() + "/" + v;
+}
+
+// The same steps as the program's check, with the key text compiled into it.
+void TestResourceFiles::testSignatures()
+{
+    QFETCH(QString, dir);
+    const QByteArray ini = readAll(dir + "/integrityprotect.ini");
+    const QRegularExpression form(
+            "^\\[Kestrova 5\\.1\\]\\nresources\\.rcc_Sign=([0-9A-F]{512})\\n$");
+    const QRegularExpressionMatch m = form.match(QString::fromLatin1(ini));
+    QVERIFY2(m.hasMatch(), ini.constData());
+
+    QByteArray sig = QByteArray::fromHex(m.captured(1).toLatin1());
+    QByteArray blob = QByteArray::fromHex(ZRUI_PUBLIC_KEY_HEX);
+    QCOMPARE(blob.size(), 263);
+    QByteArray data = readAll(dir + "/resources.rcc");
+    QVERIFY(data.size() > 1000);
+    auto *s = reinterpret_cast<unsigned char *>(sig.data());
+    m_reverse(s, 256, s, 256);
+    QCOMPARE(m_verify(reinterpret_cast<unsigned char *>(blob.data()), 263, 4,
+                      reinterpret_cast<unsigned char *>(data.data()),
+                      static_cast<unsigned long>(data.size()), 1, s, 256),
+             1UL);
+    // A signature of one resource file does not pass for another.
+    if (dir != binDir()) {
+        QByteArray shipped = readAll(binDir() + "/resources.rcc");
+        QCOMPARE(m_verify(reinterpret_cast<unsigned char *>(blob.data()), 263, 4,
+                          reinterpret_cast<unsigned char *>(shipped.data()),
+                          static_cast<unsigned long>(shipped.size()), 1, s, 256),
+                 0UL);
+    }
+}
+
+void TestResourceFiles::testTranslations_data()
+{
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QString>("context");
+    QTest::addColumn<QString>("source");
+    QTest::addColumn<QString>("expected");
+    QTest::newRow("en annotation") << "en"
+                                   << "PINDialog"
+                                   << "IDC_CUSTOM_PIN_ANNOTATION"
+                                   << "Please enter a PIN of %1-%2 characters.";
+    QTest::newRow("zh_CN annotation")
+            << "zh_CN"
+            << "PINDialog"
+            << "IDC_CUSTOM_PIN_ANNOTATION" << QString::fromUtf8("请输入%1-%2位的PIN码。");
+    QTest::newRow("zh_TW annotation")
+            << "zh_TW"
+            << "PINDialog"
+            << "IDC_CUSTOM_PIN_ANNOTATION" << QString::fromUtf8("請輸入%1-%2位的PIN碼。");
+    QTest::newRow("en verify") << "en"
+                               << "PINDialog"
+                               << "comment_passwdinfo_verify"
+                               << "Please enter your USBKey PIN (%1-%2 characters).";
+    QTest::newRow("en weak") << "en"
+                             << "PINDialog"
+                             << "IDC_CUSTOM_PIN_ANNOTATION_2"
+                             << "The new PIN is too weak. Please mix digits with upper- and "
+                                "lower-case letters and avoid repeated or sequential characters.";
+    QTest::newRow("en warning") << "en"
+                                << "MessageDialog"
+                                << "Title_Warning"
+                                << "Warning";
+    QTest::newRow("zh_CN locked") << "zh_CN"
+                                  << "MessageDialog"
+                                  << "PIN_Locked"
+                                  << QString::fromUtf8("PIN码已锁定，请联系管理员解锁。");
+    QTest::newRow("zh_TW full") << "zh_TW"
+                                << "MessageDialog"
+                                << "SPACE_FULL_Hint" << QString::fromUtf8("USBKey儲存空間已滿。");
+    QTest::newRow("en list title") << "en"
+                                   << "CertListDialog"
+                                   << "Form"
+                                   << "Select Container";
+    QTest::newRow("en remaining") << "en"
+                                  << "FIFO_Service"
+                                  << "There are %1 times remaining"
+                                  << "Attempts remaining: %1.";
+    QTest::newRow("zh_CN forbidden")
+            << "zh_CN"
+            << "FIFO_Service"
+            << "Default PIN Is Forbidden" << QString::fromUtf8("禁止使用默认PIN码。");
+    QTest::newRow("zh_TW countdown")
+            << "zh_TW"
+            << "WaitingDialog"
+            << "Please press OK button on USBKey in <font color=\"red\">%1</font> second(s)"
+            << QString::fromUtf8("請在<font color=\"red\">%1</font>秒內按USBKey上的確認鍵");
+    // Same source text, different contexts: the context must be kept apart.
+    QTest::newRow("zh_CN list title") << "zh_CN"
+                                      << "CertListDialog"
+                                      << "Form" << QString::fromUtf8("选择容器");
+    QTest::newRow("zh_CN PIN form title") << "zh_CN"
+                                          << "PINDialog"
+                                          << "Form"
+                                          << "Form";
+    QTest::newRow("zh_TW space") << "zh_TW"
+                                 << "SoftKeyboard"
+                                 << "space" << QString::fromUtf8("空格");
+}
+
+void TestResourceFiles::testTranslations()
+{
+    QFETCH(QString, tag);
+    QFETCH(QString, context);
+    QFETCH(QString, source);
+    QFETCH(QString, expected);
+    QTranslator translator;
+    // The program's call: file name only, the rest empty.
+    QVERIFY(translator.load(":/bin/uiserver." + tag + ".qm", QString(), QString(), QString()));
+    QCOMPARE(translator.translate(context.toLatin1().constData(), source.toUtf8().constData()),
+             expected);
+}
+
+// The translation sources: valid TS 2.1 of the right language, the same
+// messages in all three, every one finished, and no placeholder lost or
+// invented (the keys that the dialogs fill with the PIN bounds need both).
+void TestResourceFiles::testTranslationSources()
+{
+    QMap<QString, QSet<QString>> messagesPerLanguage;
+    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+        QFile f(sourceDir() + "/translations/uiserver." + lang + ".ts");
+        QVERIFY2(f.open(QIODevice::ReadOnly), qPrintable(f.fileName()));
+        QXmlStreamReader xml(&f);
+        QString context, source, translation;
+        bool unfinished = false;
+        while (!xml.atEnd()) {
+            xml.readNext();
+            if (xml.isStartElement()) {
+                if (xml.name() == QLatin1String("TS")) {
+                    QCOMPARE(xml.attributes().value("version").toString(), QStringLiteral("2.1"));
+                    QCOMPARE(xml.attributes().value("language").toString(), lang);
+                } else if (xml.name() == QLatin1String("name")) {
+                    context = xml.readElementText();
+                } else if (xml.name() == QLatin1String("source")) {
+                    source = xml.readElementText();
+                } else if (xml.name() == QLatin1String("translation")) {
+                    unfinished = xml.attributes().value("type") == QLatin1String("unfinished");
+                    translation = xml.readElementText();
+                }
+            } else if (xml.isEndElement() && xml.name() == QLatin1String("message")) {
+                const QString where = lang + " " + context + " \"" + source + "\"";
+                QVERIFY2(!unfinished && !translation.isEmpty(), qPrintable(where));
+                QSet<QString> wanted = placeholders(source);
+                if (source == "IDC_CUSTOM_PIN_ANNOTATION" || source == "comment_passwdinfo_verify")
+                    wanted = {"%1", "%2"};
+                QVERIFY2(placeholders(translation) == wanted, qPrintable(where));
+                messagesPerLanguage[lang].insert(context + '\n' + source);
+            }
+        }
+        QVERIFY2(!xml.hasError(), qPrintable(lang + ": " + xml.errorString()));
+    }
+    QVERIFY(messagesPerLanguage.value("en").size() >= 12);
+    QCOMPARE(messagesPerLanguage.value("zh_CN"), messagesPerLanguage.value("en"));
+    QCOMPARE(messagesPerLanguage.value("zh_TW"), messagesPerLanguage.value("en"));
+}
+
+// The explicit lupdate pass over the program's sources must find every text
+// the translation files translate and no text they lack: otherwise a text
+// was changed on one side only and shows untranslated. Run on copies, so
+// the sources stay untouched.
+void TestResourceFiles::testTranslationsMatchProgramTexts()
+{
+    const QString lupdate = qEnvironmentVariable("ZRUI_LUPDATE");
+    QVERIFY2(QFile::exists(lupdate), "ZRUI_LUPDATE does not name lupdate");
+    QTemporaryDir tmp;
+    QVERIFY(tmp.isValid());
+    QStringList args = {"app", "service", "ui", "keyboard", "resources", "-ts"};
+    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+        const QString name = "uiserver." + lang + ".ts";
+        QVERIFY(QFile::copy(sourceDir() + "/translations/" + name, tmp.filePath(name)));
+        args << tmp.filePath(name);
+    }
+    args << "-no-obsolete"
+         << "-locations"
+         << "none"
+         << "-no-ui-lines";
+    QProcess p;
+    p.setWorkingDirectory(sourceDir() + "/..");
+    p.start(lupdate, args);
+    QVERIFY(p.waitForFinished(120000));
+    QCOMPARE(p.exitCode(), 0);
+    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+        const QString name = "uiserver." + lang + ".ts";
+        const QStringList before = tsMessages(sourceDir() + "/translations/" + name);
+        const QStringList after = tsMessages(tmp.filePath(name));
+        QStringList lost, gained;
+        for (const QString &m : before)
+            if (!after.contains(m))
+                lost << m;
+        for (const QString &m : after)
+            if (!before.contains(m))
+                gained << m;
+        QVERIFY2(lost.isEmpty() && gained.isEmpty(),
+                 qPrintable(name + "\nno longer in the program:\n  " + lost.join("\n  ")
+                            + "\nnot translated:\n  " + gained.join("\n  ")));
+    }
+}
+
+void TestResourceFiles::testIcon()
+{
+    QImageReader reader(":/bin/images/logo.ico");
+    QVERIFY2(reader.canRead(), qPrintable(reader.errorString()));
+    const QList<int> sizes = {16, 24, 32, 48, 64, 128};
+    QCOMPARE(reader.imageCount(), sizes.size());
+    for (int i = 0; i < sizes.size(); ++i) {
+        QVERIFY(reader.jumpToImage(i));
+        const QImage img = reader.read().convertToFormat(QImage::Format_ARGB32);
+        QCOMPARE(img.size(), QSize(sizes.at(i), sizes.at(i)));
+        int opaque = 0;
+        for (int y = 0; y < img.height(); ++y)
+            for (int x = 0; x < img.width(); ++x)
+                opaque += qAlpha(img.pixel(x, y)) == 255;
+        // A drawn glyph on a transparent ground: neither empty nor a square.
+        QVERIFY2(opaque > img.width() * img.height() / 8, qPrintable(QString::number(opaque)));
+        QVERIFY(opaque < img.width() * img.height() * 4 / 5);
+        QCOMPARE(qAlpha(img.pixel(0, 0)), 0);
+        img.save(outputPath(QString("logo-%1.png").arg(sizes.at(i))));
+    }
+}
+
+// The animation the waiting dialog plays from SAFEPATH: 64 x 64, twelve
+// distinct frames, looping forever.
+void TestResourceFiles::testWaitAnimation()
+{
+    QImageReader reader(qEnvironmentVariable("ZRUI_TOKENSIM_DIR") + "wait.gif");
+    QVERIFY2(reader.canRead(), qPrintable(reader.errorString()));
+    QCOMPARE(QByteArray(reader.format()), QByteArray("gif"));
+    QCOMPARE(reader.size(), QSize(64, 64));
+    QCOMPARE(reader.imageCount(), 12);
+    QCOMPARE(reader.loopCount(), -1);
+    QList<QImage> frames;
+    for (int i = 0; i < 12; ++i) {
+        const QImage img = reader.read().convertToFormat(QImage::Format_ARGB32);
+        QVERIFY2(!img.isNull(), qPrintable(reader.errorString()));
+        QCOMPARE(reader.nextImageDelay(), 80);
+        QCOMPARE(qAlpha(img.pixel(0, 0)), 0);
+        QCOMPARE(qAlpha(img.pixel(32, 32)), 0);
+        for (const QImage &earlier : frames)
+            QVERIFY(img != earlier);
+        frames.append(img);
+        img.save(outputPath(QString("wait-%1.png").arg(i)));
+    }
+}
+
+void TestResourceFiles::testDevConfig()
+{
+    const QString tokenDir = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
+    QVERIFY(tokenDir.endsWith('/'));
+    QCOMPARE(readAll(binDir() + "/ZRUIConf.ini"), ("SAFEPATH=" + tokenDir + "\n").toUtf8());
+    QSettings conf(binDir() + "/ZRUIConf.ini", QSettings::IniFormat);
+    QCOMPARE(conf.value("SAFEPATH").toString(), tokenDir);
+}
+
+QTEST_MAIN(TestResourceFiles)
+#include "TestResourceFiles.moc"
