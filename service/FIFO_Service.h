@@ -60,4 +60,12 @@ private:
     uint64_t m_hDev;
     uint64_t m_hContext;
     QSettings *m_settings;
+
+    // Set by the dispatcher while sendPack carries a PIN result, so the
+    // sender redacts the hex dump and wipes the bytes after the write.
+    bool m_sendHoldsPin = false;
+
+    UiStatusHandler *statusHandler() const;
+    int waitForMessageAnswer(UiStatusHandler *ui);
+    void endConnection();
 };

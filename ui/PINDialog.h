@@ -5,6 +5,7 @@
 
 class QLineEdit;
 class QTimer;
+class UiStatusHandler;
 
 namespace Ui {
 class PINDialog;
@@ -34,6 +35,12 @@ public:
 
     unsigned int dialogMode() const { return mode; }
 
+    // Test accessors.
+    QWidget *keyboardWidget() const { return keyboard; }
+    bool isKeyboardVisible() const { return keyboardVisible; }
+    QLineEdit *currentInputLineEdit() const { return currentLineEdit; }
+    static int rememberedWindowY();
+
 signals:
     void ShowMessageBox(int, QString, QString);
 
@@ -60,6 +67,12 @@ protected:
     void closeEvent(QCloseEvent *event) override;
 
 private:
+    UiStatusHandler *statusHandler() const;
+    QString annotationText(const char *key) const;
+    QString lengthText() const;
+    QString filteredText(const QString &text) const;
+    bool isPinField(const QObject *obj) const;
+
     QObject *service = nullptr;
     QWidget *keyboard = nullptr;
     Ui::PINDialog *ui = nullptr;
@@ -71,4 +84,8 @@ private:
     unsigned int pinMaxLen = 0;
     QTimer *timer = nullptr;
     float scale;
+    // Set once OK or Cancel has been reported, or a window-manager close has been
+    // answered: a later close must not turn a given answer into a Cancel.
+    bool resultReported = false;
+    bool closeAnswerQueued = false;
 };

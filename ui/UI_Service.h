@@ -7,6 +7,7 @@
 #include <QString>
 
 #include <atomic>
+#include <mutex>
 
 class CertListDialog;
 class FIFO_Service;
@@ -89,6 +90,9 @@ private:
     std::atomic<int> listSelectIndex{0};
     unsigned char *encPinBuff = nullptr;
     std::atomic<unsigned long> encPinLen{0};
+    // Serialises the writers of encPinBuff: the socket thread wipes it for a
+    // new request while a PIN dialog may still hand in a result.
+    std::mutex pinBufferMutex;
     QTimer *exitTimer = nullptr;
     QString defaultPin;
     float scale = 1.0f;

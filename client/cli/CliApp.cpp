@@ -28,12 +28,12 @@ struct PinKind
 };
 
 const PinKind PinKinds[] = {
-    {"verify", 0, "verify the user PIN"},
-    {"verify-admin", 1, "verify the administrator PIN"},
-    {"change", 2, "change the user PIN"},
-    {"change-admin", 3, "change the administrator PIN"},
-    {"unblock", 4, "unblock (asks for the administrator PIN)"},
-    {"set", 5, "set a first user PIN"},
+        {"verify", 0, "verify the user PIN"},
+        {"verify-admin", 1, "verify the administrator PIN"},
+        {"change", 2, "change the user PIN"},
+        {"change-admin", 3, "change the administrator PIN"},
+        {"unblock", 4, "unblock (asks for the administrator PIN)"},
+        {"set", 5, "set a first user PIN"},
 };
 
 int pinTypeByName(const QString &name)
@@ -80,7 +80,7 @@ int parseCommand(QCommandLineParser &parser, const QString &command, const QStri
         const QString usageLine = text.left(eol);
         const int opts = usageLine.indexOf(QLatin1String("[options]"));
         text = QStringLiteral("Usage: zrui-cli [--server NAME] [--json] ") + command
-                + (opts >= 0 ? QLatin1Char(' ') + usageLine.mid(opts) : QString()) + text.mid(eol);
+               + (opts >= 0 ? QLatin1Char(' ') + usageLine.mid(opts) : QString()) + text.mid(eol);
         printText(text);
         return CliOk;
     }
@@ -252,7 +252,8 @@ namespace {
 
 QJsonObject pinJson(const zrui_pin_result &r, bool reveal)
 {
-    QJsonObject o{{QStringLiteral("oldLen"), int(r.oldLen)}, {QStringLiteral("newLen"), int(r.newLen)}};
+    QJsonObject o{{QStringLiteral("oldLen"), int(r.oldLen)},
+                  {QStringLiteral("newLen"), int(r.newLen)}};
     if (reveal) {
         o.insert(QStringLiteral("oldPin"), QString::fromUtf8(r.oldPin, int(r.oldLen)));
         o.insert(QStringLiteral("newPin"), QString::fromUtf8(r.newPin, int(r.newLen)));
@@ -278,15 +279,20 @@ int CliApp::cmdPin(const QStringList &args)
     QCommandLineParser p;
     QString kinds;
     for (const PinKind &k : PinKinds)
-        kinds += QStringLiteral("  %1%2\n").arg(QLatin1String(k.name), -14).arg(QLatin1String(k.what));
+        kinds += QStringLiteral("  %1%2\n")
+                         .arg(QLatin1String(k.name), -14)
+                         .arg(QLatin1String(k.what));
     p.addPositionalArgument(QStringLiteral("KIND"), QStringLiteral("which PIN dialog:\n") + kinds);
-    p.addOption({QStringLiteral("timeout"), QStringLiteral("Give up after SECONDS without an answer."),
+    p.addOption({QStringLiteral("timeout"),
+                 QStringLiteral("Give up after SECONDS without an answer."),
                  QStringLiteral("SECONDS")});
-    p.addOption({QStringLiteral("reveal"), QStringLiteral("Print the PINs themselves, not only their lengths.")});
+    p.addOption({QStringLiteral("reveal"),
+                 QStringLiteral("Print the PINs themselves, not only their lengths.")});
     p.addOption({QStringLiteral("devref"), QStringLiteral("Device reference for REQ_BeginSession."),
                  QStringLiteral("N"), QStringLiteral("0")});
     int rc = parseCommand(p, QStringLiteral("pin"),
-                          QStringLiteral("Shows a PIN dialog and waits until the user answers."), args);
+                          QStringLiteral("Shows a PIN dialog and waits until the user answers."),
+                          args);
     if (rc >= 0)
         return rc;
     if (p.positionalArguments().size() != 1) {
@@ -309,7 +315,8 @@ int CliApp::cmdPin(const QStringList &args)
     zrui_pin_result r;
     code = zrui_pin_wait(conn, deadline, PollMs, &r);
     const bool reveal = p.isSet(QStringLiteral("reveal"));
-    out->step(QStringLiteral("REQ_PIN_GetPIN"), code, code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
+    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
+              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
               code == ZRUI_OK ? pinText(r, reveal) : QString());
     zrui_pin_result_wipe(&r);
     if (code != ZRUI_OK && code != ZRUI_E_CANCEL && code != ZRUI_E_TIMEOUT)
@@ -324,18 +331,21 @@ int CliApp::cmdPin(const QStringList &args)
 int CliApp::cmdRetry(const QStringList &args)
 {
     QCommandLineParser p;
-    p.addOption({QStringLiteral("tries"), QStringLiteral("Remaining tries to report."), QStringLiteral("N")});
+    p.addOption({QStringLiteral("tries"), QStringLiteral("Remaining tries to report."),
+                 QStringLiteral("N")});
     p.addOption({QStringLiteral("default-forbidden"),
                  QStringLiteral("Report that the default PIN is forbidden instead of a count.")});
-    p.addOption({QStringLiteral("type"), QStringLiteral("PIN dialog kind or number (default verify)."),
+    p.addOption({QStringLiteral("type"),
+                 QStringLiteral("PIN dialog kind or number (default verify)."),
                  QStringLiteral("KIND"), QStringLiteral("verify")});
     p.addOption({QStringLiteral("timeout"), QStringLiteral("Give up after SECONDS without a PIN."),
                  QStringLiteral("SECONDS")});
     p.addOption({QStringLiteral("reveal"), QStringLiteral("Print the PINs themselves.")});
-    int rc = parseCommand(p, QStringLiteral("retry"),
-                          QStringLiteral("Shows a PIN dialog, then reports the PIN as wrong: the user "
-                                         "answers Retry (the PIN dialog comes again) or Cancel."),
-                          args);
+    int rc = parseCommand(
+            p, QStringLiteral("retry"),
+            QStringLiteral("Shows a PIN dialog, then reports the PIN as wrong: the user "
+                           "answers Retry (the PIN dialog comes again) or Cancel."),
+            args);
     if (rc >= 0)
         return rc;
     const bool forbidden = p.isSet(QStringLiteral("default-forbidden"));
@@ -347,7 +357,8 @@ int CliApp::cmdRetry(const QStringList &args)
     bool tok = true;
     const int deadline = timeoutMs(p, QStringLiteral("timeout"), &tok);
     if (!ok || !tok || type < 0) {
-        printError(QStringLiteral("retry: give --tries N or --default-forbidden (see retry --help)"));
+        printError(
+                QStringLiteral("retry: give --tries N or --default-forbidden (see retry --help)"));
         return CliUsage;
     }
     if ((rc = openSession()) != CliOk)
@@ -359,7 +370,8 @@ int CliApp::cmdRetry(const QStringList &args)
         return cliExitForCode(code);
     zrui_pin_result r;
     code = zrui_pin_wait(conn, deadline, PollMs, &r);
-    out->step(QStringLiteral("REQ_PIN_GetPIN"), code, code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
+    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
+              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
               code == ZRUI_OK ? pinText(r, reveal) : QString());
     zrui_pin_result_wipe(&r);
     if (code != ZRUI_OK)
@@ -375,7 +387,8 @@ int CliApp::cmdRetry(const QStringList &args)
     if (code != ZRUI_OK)
         return cliExitForCode(code);
     code = zrui_pin_wait(conn, deadline, PollMs, &r);
-    out->step(QStringLiteral("REQ_PIN_GetPIN"), code, code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
+    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
+              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
               code == ZRUI_OK ? pinText(r, reveal) : QString());
     zrui_pin_result_wipe(&r);
     if (code != ZRUI_OK && code != ZRUI_E_CANCEL)
@@ -388,16 +401,20 @@ int CliApp::cmdRetry(const QStringList &args)
 int CliApp::cmdMessage(const QStringList &args)
 {
     QCommandLineParser p;
-    p.addOption({QStringLiteral("title"), QStringLiteral("Title (a message key such as Title_Warning, or text)."),
+    p.addOption({QStringLiteral("title"),
+                 QStringLiteral("Title (a message key such as Title_Warning, or text)."),
                  QStringLiteral("T")});
-    p.addOption({QStringLiteral("text"), QStringLiteral("Message (a key such as PIN_Locked, or text)."),
+    p.addOption({QStringLiteral("text"),
+                 QStringLiteral("Message (a key such as PIN_Locked, or text)."),
                  QStringLiteral("X")});
-    p.addOption({QStringLiteral("type"), QStringLiteral("5: Retry and Cancel; anything else: OK only."),
+    p.addOption({QStringLiteral("type"),
+                 QStringLiteral("5: Retry and Cancel; anything else: OK only."),
                  QStringLiteral("N"), QStringLiteral("0")});
-    int rc = parseCommand(p, QStringLiteral("message"),
-                          QStringLiteral("Shows a message box and waits until the user closes it. The "
-                                         "server answers the same for every button."),
-                          args);
+    int rc = parseCommand(
+            p, QStringLiteral("message"),
+            QStringLiteral("Shows a message box and waits until the user closes it. The "
+                           "server answers the same for every button."),
+            args);
     if (rc >= 0)
         return rc;
     bool ok = false;
@@ -408,8 +425,9 @@ int CliApp::cmdMessage(const QStringList &args)
     }
     if ((rc = openSession()) != CliOk)
         return rc;
-    const int code = zrui_message_box(conn, type, p.value(QStringLiteral("title")).toUtf8().constData(),
-                                      p.value(QStringLiteral("text")).toUtf8().constData());
+    const int code
+            = zrui_message_box(conn, type, p.value(QStringLiteral("title")).toUtf8().constData(),
+                               p.value(QStringLiteral("text")).toUtf8().constData());
     out->step(QStringLiteral("REQ_MessageBox type=%1").arg(type), code);
     if (code != ZRUI_OK)
         return cliExitForCode(code);
@@ -423,13 +441,16 @@ int CliApp::cmdList(const QStringList &args)
     QCommandLineParser p;
     p.addPositionalArgument(QStringLiteral("ENTRY"), QStringLiteral("Container names, in order."),
                             QStringLiteral("ENTRY..."));
-    p.addOption({QStringLiteral("type"),
-                 QStringLiteral("List request type: 0 shows the list, 1 answers -1 without a window."),
-                 QStringLiteral("N"), QStringLiteral("0")});
-    p.addOption({QStringLiteral("timeout"), QStringLiteral("Give up after SECONDS without a choice."),
+    p.addOption(
+            {QStringLiteral("type"),
+             QStringLiteral("List request type: 0 shows the list, 1 answers -1 without a window."),
+             QStringLiteral("N"), QStringLiteral("0")});
+    p.addOption({QStringLiteral("timeout"),
+                 QStringLiteral("Give up after SECONDS without a choice."),
                  QStringLiteral("SECONDS")});
     int rc = parseCommand(p, QStringLiteral("list"),
-                          QStringLiteral("Lets the user choose one container; prints its index."), args);
+                          QStringLiteral("Lets the user choose one container; prints its index."),
+                          args);
     if (rc >= 0)
         return rc;
     bool ok = false;
@@ -444,16 +465,21 @@ int CliApp::cmdList(const QStringList &args)
     if ((rc = openSession()) != CliOk)
         return rc;
     int code = zrui_list_show(conn, type, entries.join(QLatin1Char('\n')).toUtf8().constData());
-    out->step(QStringLiteral("REQ_List_Show type=%1 entries=%2").arg(type).arg(entries.size()), code);
+    out->step(QStringLiteral("REQ_List_Show type=%1 entries=%2").arg(type).arg(entries.size()),
+              code);
     if (code != ZRUI_OK)
         return cliExitForCode(code);
     int32_t index = -1;
     code = zrui_list_wait(conn, deadline, PollMs, &index);
     const QString chosen = index >= 0 && index < entries.size() ? entries.at(index) : QString();
     out->step(QStringLiteral("REQ_List_GetSel"), code,
-              code == ZRUI_OK ? QJsonObject{{QStringLiteral("index"), index}, {QStringLiteral("entry"), chosen}}
+              code == ZRUI_OK ? QJsonObject{{QStringLiteral("index"), index},
+                                            {QStringLiteral("entry"), chosen}}
                               : QJsonObject(),
-              code == ZRUI_OK ? QStringLiteral("index %1%2").arg(index).arg(chosen.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(chosen))
+              code == ZRUI_OK ? QStringLiteral("index %1%2")
+                                        .arg(index)
+                                        .arg(chosen.isEmpty() ? QString()
+                                                              : QStringLiteral(" (%1)").arg(chosen))
                               : QString());
     if (code != ZRUI_OK && code != ZRUI_E_CANCEL)
         return cliExitForCode(code);
@@ -465,17 +491,20 @@ int CliApp::cmdList(const QStringList &args)
 int CliApp::cmdWait(const QStringList &args)
 {
     QCommandLineParser p;
-    p.addOption({QStringLiteral("type"), QStringLiteral("Waiting window type 0-10."), QStringLiteral("N"),
-                 QStringLiteral("2")});
+    p.addOption({QStringLiteral("type"), QStringLiteral("Waiting window type 0-10."),
+                 QStringLiteral("N"), QStringLiteral("2")});
     p.addOption({QStringLiteral("info"),
-                 QStringLiteral("Information text, items KEY=VALUE separated by |, e.g. 1=30|0=wait.gif."),
+                 QStringLiteral(
+                         "Information text, items KEY=VALUE separated by |, e.g. 1=30|0=wait.gif."),
                  QStringLiteral("TEXT"), QString()});
-    p.addOption({QStringLiteral("seconds"), QStringLiteral("How long the window stays (default 5)."),
-                 QStringLiteral("S"), QStringLiteral("5")});
-    int rc = parseCommand(p, QStringLiteral("wait"),
-                          QStringLiteral("Shows the waiting window (\"press the button on your token\") "
-                                         "and finishes it after --seconds."),
-                          args);
+    p.addOption({QStringLiteral("seconds"),
+                 QStringLiteral("How long the window stays (default 5)."), QStringLiteral("S"),
+                 QStringLiteral("5")});
+    int rc = parseCommand(
+            p, QStringLiteral("wait"),
+            QStringLiteral("Shows the waiting window (\"press the button on your token\") "
+                           "and finishes it after --seconds."),
+            args);
     if (rc >= 0)
         return rc;
     bool ok = false, sok = false;
@@ -504,13 +533,15 @@ int CliApp::cmdWait(const QStringList &args)
 int CliApp::cmdSession(const QStringList &args)
 {
     QCommandLineParser p;
-    p.addPositionalArgument(QStringLiteral("STEP"), SessionScript::stepHelp(), QStringLiteral("STEP..."));
+    p.addPositionalArgument(QStringLiteral("STEP"), SessionScript::stepHelp(),
+                            QStringLiteral("STEP..."));
     p.addOption({QStringLiteral("keep-going"),
                  QStringLiteral("Run the remaining steps after a step that did not answer OK.")});
-    int rc = parseCommand(p, QStringLiteral("session"),
-                          QStringLiteral("Runs protocol steps in order on one connection, without an "
-                                         "implicit REQ_BeginSession, printing each response."),
-                          args);
+    int rc = parseCommand(
+            p, QStringLiteral("session"),
+            QStringLiteral("Runs protocol steps in order on one connection, without an "
+                           "implicit REQ_BeginSession, printing each response."),
+            args);
     if (rc >= 0)
         return rc;
     SessionScript script(*out);
@@ -532,12 +563,13 @@ int CliApp::cmdDemo(const QStringList &args)
     p.addOption({QStringLiteral("unattended"),
                  QStringLiteral("Run only the steps that need no person (no display needed).")});
     p.addOption({QStringLiteral("reveal"), QStringLiteral("Print the PINs themselves.")});
-    int rc = parseCommand(p, QStringLiteral("demo"),
-                          QStringLiteral("Walks through a PIN verification with a wrong-PIN retry, a "
-                                         "change, a waiting window with a countdown, a container "
-                                         "choice and a message box, printing what the middleware "
-                                         "receives."),
-                          args);
+    int rc = parseCommand(
+            p, QStringLiteral("demo"),
+            QStringLiteral("Walks through a PIN verification with a wrong-PIN retry, a "
+                           "change, a waiting window with a countdown, a container "
+                           "choice and a message box, printing what the middleware "
+                           "receives."),
+            args);
     if (rc >= 0)
         return rc;
     DemoScript demo(*out, server, p.isSet(QStringLiteral("reveal")));

@@ -8,8 +8,7 @@
 
 CliOutput::CliOutput(bool json)
     : json(json)
-{
-}
+{ }
 
 void CliOutput::step(const QString &request, int code, const QJsonObject &extra,
                      const QString &detail)
@@ -18,12 +17,13 @@ void CliOutput::step(const QString &request, int code, const QJsonObject &extra,
         QJsonObject o = extra;
         o.insert(QStringLiteral("request"), request);
         o.insert(QStringLiteral("code"), code);
-        o.insert(QStringLiteral("result"), QString::fromUtf8(zrui_strerror(code)).section(':', 0, 0));
+        o.insert(QStringLiteral("result"),
+                 QString::fromUtf8(zrui_strerror(code)).section(':', 0, 0));
         steps.append(o);
         return;
     }
     QString line = request + QStringLiteral(" -> ")
-            + QString::fromUtf8(zrui_strerror(code)).section(':', 0, 0);
+                   + QString::fromUtf8(zrui_strerror(code)).section(':', 0, 0);
     if (!detail.isEmpty())
         line += QStringLiteral(" ") + detail;
     std::printf("%s\n", line.toUtf8().constData());
@@ -49,7 +49,4 @@ void CliOutput::finish(int exitCode)
     std::fflush(stdout);
 }
 
-QString CliOutput::hex(const QByteArray &bytes)
-{
-    return QString::fromLatin1(bytes.toHex(' '));
-}
+QString CliOutput::hex(const QByteArray &bytes) { return QString::fromLatin1(bytes.toHex(' ')); }

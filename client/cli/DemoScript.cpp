@@ -22,13 +22,9 @@ DemoScript::DemoScript(CliOutput &out, const QString &server, bool reveal)
     : out(out)
     , server(server)
     , reveal(reveal)
-{
-}
+{ }
 
-DemoScript::~DemoScript()
-{
-    close();
-}
+DemoScript::~DemoScript() { close(); }
 
 int DemoScript::open()
 {
@@ -65,7 +61,8 @@ QString DemoScript::maskedPinBytes(const QByteArray &result) const
     QStringList bytes;
     for (int i = 0; i < result.size(); ++i) {
         const bool lengthWord = i < 4 || (i >= 4 + int(oldLen) && i < 8 + int(oldLen));
-        bytes << (lengthWord ? QString::asprintf("%02x", quint8(result.at(i))) : QStringLiteral("**"));
+        bytes << (lengthWord ? QString::asprintf("%02x", quint8(result.at(i)))
+                             : QStringLiteral("**"));
     }
     return bytes.join(QLatin1Char(' '));
 }
@@ -100,10 +97,15 @@ int DemoScript::pollPin(QByteArray *result)
 int DemoScript::runInteractive()
 {
     QByteArray pin;
-    auto wipe = [&pin]() { explicit_bzero(pin.data(), size_t(pin.size())); pin.clear(); };
+    auto wipe = [&pin]() {
+        explicit_bzero(pin.data(), size_t(pin.size()));
+        pin.clear();
+    };
 
-    out.say(QStringLiteral("ZRUIServer demo: every step shows a dialog; answer it as a user would."));
-    out.say(QStringLiteral("[1/6] Verify the user PIN: type any PIN of 6 to 16 characters, then OK."));
+    out.say(QStringLiteral(
+            "ZRUIServer demo: every step shows a dialog; answer it as a user would."));
+    out.say(QStringLiteral(
+            "[1/6] Verify the user PIN: type any PIN of 6 to 16 characters, then OK."));
     int code = open();
     if (code != ZRUI_OK)
         return cliExitForCode(code);
@@ -126,8 +128,9 @@ int DemoScript::runInteractive()
         step(QStringLiteral("REQ_EndSession"), zrui_end_session(conn));
     }
 
-    out.say(QStringLiteral("[3/6] Change the user PIN: the old PIN, then a new PIN with letters and "
-                           "digits (e.g. a1b2c3), twice."));
+    out.say(QStringLiteral(
+            "[3/6] Change the user PIN: the old PIN, then a new PIN with letters and "
+            "digits (e.g. a1b2c3), twice."));
     if ((code = open()) != ZRUI_OK)
         return cliExitForCode(code);
     if (step(QStringLiteral("REQ_PIN_Show type=2"), zrui_pin_show(conn, 2)) == ZRUI_OK) {
@@ -138,7 +141,8 @@ int DemoScript::runInteractive()
     }
 
     out.say(QStringLiteral("[4/6] The token waits for its button: a waiting window counts down "
-                           "from %1 seconds.").arg(CountdownSeconds));
+                           "from %1 seconds.")
+                    .arg(CountdownSeconds));
     if ((code = open()) != ZRUI_OK)
         return cliExitForCode(code);
     const QByteArray info = QStringLiteral("1=%1|0=wait.gif").arg(CountdownSeconds).toUtf8();
@@ -186,7 +190,8 @@ int DemoScript::runUnattended()
     if ((code = step(QStringLiteral("REQ_EndSession"), zrui_end_session(conn))) != ZRUI_OK)
         return cliExitForCode(code);
 
-    out.say(QStringLiteral("[2/3] A list request of type 1 is answered at once, without a window."));
+    out.say(QStringLiteral(
+            "[2/3] A list request of type 1 is answered at once, without a window."));
     if ((code = step(QStringLiteral("REQ_BeginSession"), zrui_begin_session(conn, 0))) != ZRUI_OK)
         return cliExitForCode(code);
     if ((code = step(QStringLiteral("REQ_List_Show type=1"), zrui_list_show(conn, 1, "A\nB")))

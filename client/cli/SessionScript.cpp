@@ -21,16 +21,13 @@ struct StepKind
 };
 
 const StepKind Kinds[] = {
-    {"begin", 0, 1},     {"end", 0, 0},         {"pin-show", 1, 1},  {"pin-get", 0, 0},
-    {"pin-wait", 0, 1},  {"retry", 1, 1},       {"pin-finish", 0, 0}, {"wait-show", 1, 2},
-    {"wait-finish", 0, 0}, {"list-show", 1, 2}, {"list-get", 0, 0},  {"list-wait", 0, 1},
-    {"msg", 1, 3},       {"op", 1, 2},          {"sleep", 1, 1},
+        {"begin", 0, 1},       {"end", 0, 0},       {"pin-show", 1, 1},   {"pin-get", 0, 0},
+        {"pin-wait", 0, 1},    {"retry", 1, 1},     {"pin-finish", 0, 0}, {"wait-show", 1, 2},
+        {"wait-finish", 0, 0}, {"list-show", 1, 2}, {"list-get", 0, 0},   {"list-wait", 0, 1},
+        {"msg", 1, 3},         {"op", 1, 2},        {"sleep", 1, 1},
 };
 
-QString unescape(QString s)
-{
-    return s.replace(QLatin1String("\\n"), QLatin1String("\n"));
-}
+QString unescape(QString s) { return s.replace(QLatin1String("\\n"), QLatin1String("\n")); }
 
 int waitMs(const QString &seconds)
 {
@@ -43,8 +40,7 @@ int waitMs(const QString &seconds)
 
 SessionScript::SessionScript(CliOutput &out)
     : out(out)
-{
-}
+{ }
 
 QString SessionScript::stepHelp()
 {
@@ -145,8 +141,11 @@ int SessionScript::runStep(zrui_conn *conn, const Step &s)
         code = n == QLatin1String("pin-get") ? zrui_pin_get(conn, &r)
                                              : zrui_pin_wait(conn, waitMs(s.arg1), PollMs, &r);
         if (code == ZRUI_OK) {
-            extra = {{QStringLiteral("oldLen"), int(r.oldLen)}, {QStringLiteral("newLen"), int(r.newLen)}};
-            detail = QStringLiteral("old PIN %1 bytes, new PIN %2 bytes").arg(r.oldLen).arg(r.newLen);
+            extra = {{QStringLiteral("oldLen"), int(r.oldLen)},
+                     {QStringLiteral("newLen"), int(r.newLen)}};
+            detail = QStringLiteral("old PIN %1 bytes, new PIN %2 bytes")
+                             .arg(r.oldLen)
+                             .arg(r.newLen);
         }
         zrui_pin_result_wipe(&r);
     } else if (n == QLatin1String("retry")) {
@@ -163,8 +162,9 @@ int SessionScript::runStep(zrui_conn *conn, const Step &s)
         code = zrui_list_show(conn, s.arg1.toUInt(), unescape(s.arg2).toUtf8().constData());
     } else if (n == QLatin1String("list-get") || n == QLatin1String("list-wait")) {
         int32_t index = 0;
-        code = n == QLatin1String("list-get") ? zrui_list_get_sel(conn, &index)
-                                              : zrui_list_wait(conn, waitMs(s.arg1), PollMs, &index);
+        code = n == QLatin1String("list-get")
+                       ? zrui_list_get_sel(conn, &index)
+                       : zrui_list_wait(conn, waitMs(s.arg1), PollMs, &index);
         if (code == ZRUI_OK) {
             extra = {{QStringLiteral("index"), index}};
             detail = QStringLiteral("index %1").arg(index);
@@ -177,15 +177,18 @@ int SessionScript::runStep(zrui_conn *conn, const Step &s)
         QByteArray reply(COMMPACK_MAX_DATA, '\0');
         uint32_t resp = 0;
         uint32_t len = 0;
-        code = zrui_request(conn, s.arg1.toUInt(nullptr, 0), data.constData(), uint32_t(data.size()),
-                            &resp, reply.data(), uint32_t(reply.size()), &len);
+        code = zrui_request(conn, s.arg1.toUInt(nullptr, 0), data.constData(),
+                            uint32_t(data.size()), &resp, reply.data(), uint32_t(reply.size()),
+                            &len);
         if (code == ZRUI_OK) {
             reply.truncate(int(len));
-            extra = {{QStringLiteral("response"), int(resp)}, {QStringLiteral("data"), CliOutput::hex(reply)}};
+            extra = {{QStringLiteral("response"), int(resp)},
+                     {QStringLiteral("data"), CliOutput::hex(reply)}};
             detail = QStringLiteral("response %1 datalen %2%3")
                              .arg(resp)
                              .arg(len)
-                             .arg(len ? QStringLiteral(" data ") + CliOutput::hex(reply) : QString());
+                             .arg(len ? QStringLiteral(" data ") + CliOutput::hex(reply)
+                                      : QString());
             code = zrui_resp_to_code(resp);
         }
     } else if (n == QLatin1String("sleep")) {

@@ -77,7 +77,8 @@ int main(int argc, char *argv[])
     const QString verify = XDoTool::waitForWindow(QStringLiteral("Verify USBKey password"));
     ok = ok && XDoTool::focus(verify) && XDoTool::type(QStringLiteral("abc"));
     ok = ok && shoot(QStringLiteral("Verify USBKey password"), QStringLiteral("1-verify-pin.png"));
-    ok = ok && XDoTool::type(QStringLiteral("123")) && XDoTool::key(QStringLiteral("Return")) && waitPin(c);
+    ok = ok && XDoTool::type(QStringLiteral("123")) && XDoTool::key(QStringLiteral("Return"))
+         && waitPin(c);
 
     // 2. The token rejects it: Retry or Cancel.
     std::atomic<int> retry{1000};
@@ -89,15 +90,15 @@ int main(int argc, char *argv[])
     client.join();
     ok = ok && retry == ZRUI_OK;
     ok = ok && XDoTool::focus(XDoTool::waitForWindow(QStringLiteral("Verify USBKey password")))
-            && XDoTool::type(QStringLiteral("abc123")) && XDoTool::key(QStringLiteral("Return"))
-            && waitPin(c);
+         && XDoTool::type(QStringLiteral("abc123")) && XDoTool::key(QStringLiteral("Return"))
+         && waitPin(c);
     ok = ok && zrui_pin_finish(c) == ZRUI_OK && zrui_end_session(c) == ZRUI_OK;
 
     // 3. Change the PIN, with a weak new PIN rated while typing.
     ok = ok && zrui_begin_session(c, 0) == ZRUI_OK && zrui_pin_show(c, 2) == ZRUI_OK;
     const QString change = XDoTool::waitForWindow(QStringLiteral("Change USBKey password"));
     ok = ok && XDoTool::focus(change) && XDoTool::type(QStringLiteral("abc123"))
-            && XDoTool::key(QStringLiteral("Tab")) && XDoTool::type(QStringLiteral("banana"));
+         && XDoTool::key(QStringLiteral("Tab")) && XDoTool::type(QStringLiteral("banana"));
     ok = ok && shoot(QStringLiteral("Change USBKey password"), QStringLiteral("3-change-pin.png"));
     // REQ_PIN_Finish is only allowed after a REQ_PIN_GetPIN.
     zrui_pin_result pending;
@@ -105,13 +106,15 @@ int main(int argc, char *argv[])
     ok = ok && zrui_pin_finish(c) == ZRUI_OK && zrui_end_session(c) == ZRUI_OK;
 
     // 4. The token waits for its button.
-    ok = ok && zrui_begin_session(c, 0) == ZRUI_OK && zrui_waiting_show(c, 2, "1=30|0=wait.gif") == ZRUI_OK;
+    ok = ok && zrui_begin_session(c, 0) == ZRUI_OK
+         && zrui_waiting_show(c, 2, "1=30|0=wait.gif") == ZRUI_OK;
     ok = ok && shoot(QStringLiteral("Verify user pin"), QStringLiteral("4-waiting.png"));
     ok = ok && zrui_waiting_finish(c) == ZRUI_OK && zrui_end_session(c) == ZRUI_OK;
 
     // 5. Choose a container.
     ok = ok && zrui_begin_session(c, 0) == ZRUI_OK
-            && zrui_list_show(c, 0, "Signing key 2024\nEncryption key 2024\nSigning key 2026") == ZRUI_OK;
+         && zrui_list_show(c, 0, "Signing key 2024\nEncryption key 2024\nSigning key 2026")
+                    == ZRUI_OK;
     ok = ok && shoot(QStringLiteral("Select Container"), QStringLiteral("5-container.png"));
     XDoTool::focus(XDoTool::waitForWindow(QStringLiteral("Select Container")));
     XDoTool::key(QStringLiteral("Tab space"));
@@ -122,7 +125,8 @@ int main(int argc, char *argv[])
     ok = ok && zrui_begin_session(c, 0) == ZRUI_OK;
     std::atomic<int> msg{1000};
     std::thread client2([c, &msg] { msg = zrui_message_box(c, 0, "Title_Warning", "PIN_Locked"); });
-    const bool shot = shoot(QStringLiteral("Warning|Title_Warning"), QStringLiteral("6-message.png"));
+    const bool shot
+            = shoot(QStringLiteral("Warning|Title_Warning"), QStringLiteral("6-message.png"));
     XDoTool::focus(XDoTool::waitForWindow(QStringLiteral("Warning|Title_Warning")));
     XDoTool::key(QStringLiteral("space"));
     client2.join();

@@ -61,10 +61,7 @@ void TestEndToEnd::cleanup()
     QVERIFY(XDoTool::waitForNoWindow(QStringLiteral("Verify USBKey password")));
 }
 
-void TestEndToEnd::cleanupTestCase()
-{
-    server.stop();
-}
+void TestEndToEnd::cleanupTestCase() { server.stop(); }
 
 QByteArray TestEndToEnd::waitForPinBytes(uint32_t *resp, int timeoutMs)
 {
@@ -73,8 +70,8 @@ QByteArray TestEndToEnd::waitForPinBytes(uint32_t *resp, int timeoutMs)
     t.start();
     while (t.elapsed() < timeoutMs) {
         uint32_t len = 0;
-        if (zrui_request(conn, REQ_PIN_GetPIN, nullptr, 0, resp, reply.data(), uint32_t(reply.size()),
-                         &len)
+        if (zrui_request(conn, REQ_PIN_GetPIN, nullptr, 0, resp, reply.data(),
+                         uint32_t(reply.size()), &len)
             != ZRUI_OK)
             return QByteArray("request failed");
         if (*resp != UI_NO_RESULT)
@@ -118,7 +115,7 @@ void TestEndToEnd::testRetryAnsweredWithKeyboard()
     std::thread client([this, &retry] { retry = zrui_pin_retry(conn, 3); });
     const QString box = XDoTool::waitForWindow(QStringLiteral("USBKey password error"));
     const bool answered = !box.isEmpty() && XDoTool::focus(box)
-            && XDoTool::key(QStringLiteral("space")); // Retry has the focus
+                          && XDoTool::key(QStringLiteral("space")); // Retry has the focus
     if (!answered)
         zrui_close(conn); // unblocks the client thread
     client.join();

@@ -8,7 +8,7 @@
 bool XDoTool::available()
 {
     return !QStandardPaths::findExecutable(QStringLiteral("xdotool")).isEmpty()
-            && !qEnvironmentVariableIsEmpty("DISPLAY");
+           && !qEnvironmentVariableIsEmpty("DISPLAY");
 }
 
 bool XDoTool::run(const QStringList &args, QByteArray *output)

@@ -47,10 +47,7 @@ void TestCli::initTestCase()
     QVERIFY2(server.waitForListening(), server.output().constData());
 }
 
-void TestCli::cleanupTestCase()
-{
-    server.stop();
-}
+void TestCli::cleanupTestCase() { server.stop(); }
 
 TestCli::Run TestCli::cli(const QStringList &args, int timeoutMs)
 {
@@ -74,12 +71,12 @@ void TestCli::testExitCodes_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("lastLine");
 
-    QTest::newRow("session begin end") << QStringList{"session", "begin", "end"} << 0
-                                       << "end -> ZRUI_OK";
+    QTest::newRow("session begin end")
+            << QStringList{"session", "begin", "end"} << 0 << "end -> ZRUI_OK";
     // Not allowed as the first request: response 3 and the connection is gone.
     QTest::newRow("state error") << QStringList{"session", "end"} << 4 << "end -> ZRUI_E_STATE";
-    QTest::newRow("reserved 12 closes") << QStringList{"session", "begin", "op=12"} << 8
-                                        << "op=12 -> ZRUI_E_CLOSED";
+    QTest::newRow("reserved 12 closes")
+            << QStringList{"session", "begin", "op=12"} << 8 << "op=12 -> ZRUI_E_CLOSED";
     QTest::newRow("raw list selection")
             << QStringList{"session", "begin", "list-show=1:a\\nb", "op=11"} << 0
             << "op=11 -> ZRUI_OK response 0 datalen 4 data ff ff ff ff";
@@ -145,13 +142,20 @@ void TestCli::testHelpPerCommand_data()
 {
     QTest::addColumn<QString>("command");
     QTest::addColumn<QString>("mentions");
-    QTest::newRow("pin") << "pin" << "verify-admin";
-    QTest::newRow("retry") << "retry" << "--default-forbidden";
-    QTest::newRow("message") << "message" << "--title";
-    QTest::newRow("list") << "list" << "ENTRY...";
-    QTest::newRow("wait") << "wait" << "--seconds";
-    QTest::newRow("session") << "session" << "pin-wait[=SECONDS]";
-    QTest::newRow("demo") << "demo" << "--unattended";
+    QTest::newRow("pin") << "pin"
+                         << "verify-admin";
+    QTest::newRow("retry") << "retry"
+                           << "--default-forbidden";
+    QTest::newRow("message") << "message"
+                             << "--title";
+    QTest::newRow("list") << "list"
+                          << "ENTRY...";
+    QTest::newRow("wait") << "wait"
+                          << "--seconds";
+    QTest::newRow("session") << "session"
+                             << "pin-wait[=SECONDS]";
+    QTest::newRow("demo") << "demo"
+                          << "--unattended";
 }
 
 void TestCli::testHelpPerCommand()
@@ -160,7 +164,8 @@ void TestCli::testHelpPerCommand()
     QFETCH(QString, mentions);
     const Run r = cli({command, "--help"});
     QCOMPARE(r.exitCode, 0);
-    QVERIFY2(r.out.startsWith("Usage: zrui-cli [--server NAME] [--json] " + command), qPrintable(r.out));
+    QVERIFY2(r.out.startsWith("Usage: zrui-cli [--server NAME] [--json] " + command),
+             qPrintable(r.out));
     QVERIFY2(r.out.contains(mentions), qPrintable(r.out));
 }
 

@@ -6,8 +6,7 @@ FakeUiStatus::FakeUiStatus(int pinMin, int pinMax, QObject *parent)
     : QObject(parent)
     , pinMin(pinMin)
     , pinMax(pinMax)
-{
-}
+{ }
 
 int FakeUiStatus::GetPINStatus(unsigned char **encpinbuff, unsigned long *encpinlen)
 {
