@@ -1,0 +1,715 @@
+#include "PINDialog.h"
+#include "ui_PINDialog.h"
+
+#include "keyboard/SimpleSoftKeyboard.h"
+#include "keyboard/SoftKeyboard.h"
+#include "service/UiStatusHandler.h"
+
+#include <QCloseEvent>
+#include <QDebug>
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QKeySequence>
+#include <QLineEdit>
+#include <QMouseEvent>
+#include <QRegExp>
+#include <QRegularExpression>
+#include <QScreen>
+#include <QTimer>
+#include <QToolTip>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <sys/mman.h>
+
+namespace {
+
+// Remembered vertical position of PIN dialogs; outlives every dialog so that a
+// later dialog opens where the user last saw one.
+int keepWindowY = 0;
+
+// The two keyboard rows a walk may follow. Kept exactly as they stand: they
+// define which walks are forbidden, including the jumps across the joins
+// ("=\q", "[]a", "'z").
+const QString unshiftedRow = QStringLiteral("1234567890-=\\") + QStringLiteral("qwertyuiop[]")
+                             + QStringLiteral("asdfghjkl;'") + QStringLiteral("zxcvbnm,./");
+const QString shiftedRow = QStringLiteral("!@#$%^&*()_+|") + QStringLiteral("QWERTYUIOP{}")
+                           + QStringLiteral("ASDFGHJKL:") + QStringLiteral("\"")
+                           + QStringLiteral("ZXCVBNM<>?");
+
+void setRetainSizeWhenHidden(QWidget *w, bool retain)
+{
+    QSizePolicy policy = w->sizePolicy();
+    policy.setRetainSizeWhenHidden(retain);
+    w->setSizePolicy(policy);
+}
+
+void scaleWidget(QWidget *w, float scale) { w->resize(w->size() * scale); }
+
+// True when `next` is not the successor of `c` in `row` while `c` is in it.
+// QString::arg, minus its warning when the text has no placeholder left (an
+// annotation key without a translation): the resulting text is the same.
+QString argIfPlaceholder(const QString &text, long long value)
+{
+    static const QRegularExpression placeholder(QStringLiteral("%L?\\d"));
+    return text.contains(placeholder) ? text.arg(value) : text;
+}
+
+QString withBounds(const QString &text, long long minLen, long long maxLen)
+{
+    return argIfPlaceholder(argIfPlaceholder(text, minLen), maxLen);
+}
+
+bool endsWalk(const QString &row, QChar c, QChar next)
+{
+    const int pos = row.indexOf(c);
+    if (pos < 0)
+        return false;
+    return pos + 1 >= row.size() || row.at(pos + 1) != next;
+}
+
+} // namespace
+
+PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible, unsigned long type,
+                     QObject *service, float scale, QWidget *parent)
+    : QWidget(parent)
+    , ui(new Ui::PINDialog)
+    , keyBoardMode(keyBoardMode)
+    , keyboardVisible(keyboardVisible)
+    , scale(scale)
+{
+    ui->setupUi(this);
+    qDebug() << "Create PINDialog: keyboardmode=" << keyBoardMode
+             << ", keyboardvisible=" << keyboardVisible << ", type=" << type;
+
+    // Kept on purpose: the panel always starts hidden whatever the caller asks;
+    // only the toggle buttons show it.
+    this->keyboardVisible = false;
+
+    if (keyBoardMode == SimpleKeyBoard)
+        keyboard = new SimpleSoftKeyboard(scale, ui->widget_softkeyboard);
+    else if (keyBoardMode == FullKeyBoard)
+        keyboard = new SoftKeyboard(scale, ui->widget_softkeyboard);
+    if (keyboard) {
+        connect(keyboard, SIGNAL(input_char(char)), this, SLOT(receiveInput(char)));
+        connect(keyboard, SIGNAL(input_backspace()), this, SLOT(receiveBackspace()));
+    }
+
+    this->service = service;
+    ui->label_fixcomment->setText(annotationText(QT_TR_NOOP("IDC_CUSTOM_PIN_ANNOTATION")));
+
+    QString title;
+    switch (type) {
+    case 0:
+        mode = 0;
+        title = tr("Verify USBKey password");
+        ui->label_fixcomment->setText(annotationText(QT_TR_NOOP("comment_passwdinfo_verify")));
+        break;
+    case 1:
+        mode = 1;
+        title = tr("Verify USBKey so password");
+        break;
+    case 2:
+        mode = 2;
+        title = tr("Change USBKey password");
+        break;
+    case 3:
+        mode = 3;
+        title = tr("Change USBKey so password");
+        break;
+    case 4:
+        mode = 4;
+        title = tr("Unblock USBKey password");
+        break;
+    case 5:
+        // Kept on purpose: the set dialog is mode 6; mode 5 is never produced.
+        mode = 6;
+        title = tr("Set USBKey password");
+        setAttribute(Qt::WA_ShowModal);
+        break;
+    default:
+        // Unknown type: no title, and a mode that no check accepts.
+        break;
+    }
+    setWindowTitle(title);
+
+    // One retaining policy for all three buttons: rows that end alike measure
+    // alike, so the edits stay lined up however wide the window grows.
+    QSizePolicy retaining = ui->toolButtonold_softkeyboard->sizePolicy();
+    retaining.setRetainSizeWhenHidden(true);
+    ui->toolButtonold_softkeyboard->setSizePolicy(retaining);
+    ui->toolButtonnew_softkeyboard->setSizePolicy(retaining);
+    ui->toolButton_hide2->setSizePolicy(retaining);
+    ui->toolButton_hide2->hide();
+    for (QWidget *w :
+         {static_cast<QWidget *>(ui->label_fixcomment), static_cast<QWidget *>(ui->label_comments),
+          static_cast<QWidget *>(ui->label_oldPin), static_cast<QWidget *>(ui->lineEdit_oldPin),
+          static_cast<QWidget *>(ui->label_newPin), static_cast<QWidget *>(ui->lineEdit_newPin),
+          static_cast<QWidget *>(ui->label_confirmPin),
+          static_cast<QWidget *>(ui->lineEdit_confirmPin), ui->widget_softkeyboard,
+          static_cast<QWidget *>(ui->toolButtonnew_softkeyboard),
+          static_cast<QWidget *>(ui->toolButtonold_softkeyboard)})
+        scaleWidget(w, scale);
+    ui->toolButton_hide2->resize(ui->toolButtonold_softkeyboard->size());
+    // The form's fixed 410 x 140 panel cannot hold a keyboard scaled above 1:
+    // the panel takes the keyboard's scaled size so no key is cut off.
+    if (keyboard)
+        ui->widget_softkeyboard->setFixedSize(keyboard->size());
+
+    switch (mode) {
+    case 0:
+    case 1:
+    case 4:
+    case 5:
+        ui->label_oldPin->setText(mode == 0 ? tr("Input User Pin:") : tr("Input Admin Pin:"));
+        ui->label_newPin->hide();
+        ui->lineEdit_newPin->hide();
+        ui->toolButtonnew_softkeyboard->hide();
+        ui->label_confirmPin->hide();
+        ui->lineEdit_confirmPin->hide();
+        setRetainSizeWhenHidden(ui->toolButtonnew_softkeyboard, false);
+        setRetainSizeWhenHidden(ui->toolButton_hide2, false);
+        break;
+    case 2:
+    case 3:
+        ui->label_oldPin->setText(tr("Old PIN:"));
+        ui->label_newPin->setText(tr("New PIN:"));
+        ui->label_confirmPin->setText(tr("Confirm PIN:"));
+        // Retains its gap, so the old row lines up with the rows below.
+        ui->toolButtonold_softkeyboard->hide();
+        ui->label_fixcomment->setText(annotationText(QT_TR_NOOP("IDC_CUSTOM_PIN_ANNOTATION")));
+        break;
+    case 6:
+        ui->label_oldPin->hide();
+        ui->lineEdit_oldPin->hide();
+        setRetainSizeWhenHidden(ui->toolButtonold_softkeyboard, false);
+        ui->toolButtonold_softkeyboard->hide();
+        ui->label_newPin->setText(tr("USBKey Passwd:"));
+        ui->label_confirmPin->setText(tr("Passwd Confirm:"));
+        ui->label_fixcomment->setText(annotationText(QT_TR_NOOP("IDC_CUSTOM_PIN_ANNOTATION")));
+        break;
+    default:
+        break;
+    }
+
+    if (!this->keyboardVisible) {
+        ui->widget_softkeyboard->hide();
+        ui->toolButtonold_softkeyboard->setChecked(false);
+        ui->toolButtonnew_softkeyboard->setChecked(false);
+    }
+
+    RefreshLayout();
+
+    QLineEdit *const edits[] = {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin};
+    for (QLineEdit *edit : edits)
+        edit->installEventFilter(this);
+
+    if (UiStatusHandler *handler = statusHandler()) {
+        pinMinLen = static_cast<unsigned int>(handler->GetPINMinLen());
+        pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
+    }
+    for (QLineEdit *edit : edits) {
+        edit->setMaxLength(static_cast<int>(pinMaxLen));
+        edit->setContextMenuPolicy(Qt::NoContextMenu);
+        // Nothing may be dropped into a PIN field.
+        edit->setAcceptDrops(false);
+    }
+
+    for (QLineEdit *edit : edits)
+        connect(edit, SIGNAL(returnPressed()), this, SLOT(on_pushButton_OK_clicked()));
+
+    timer = new QTimer();
+
+    QTimer::singleShot(500, this, &PINDialog::SetWindowAcitive);
+
+    setWindowIcon(QIcon(QStringLiteral(":/images/logo.ico")));
+    setWindowFlags(Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowStaysOnTopHint);
+    setAttribute(Qt::WA_ShowModal);
+
+    if (const QScreen *screen = QGuiApplication::primaryScreen()) {
+        const QSize desktop = screen->virtualSize();
+        move((desktop.width() - width()) / 2, (desktop.height() - height()) / 2);
+    }
+}
+
+PINDialog::~PINDialog()
+{
+    delete timer;
+    delete ui;
+    ui = nullptr;
+}
+
+int PINDialog::rememberedWindowY() { return keepWindowY; }
+
+UiStatusHandler *PINDialog::statusHandler() const
+{
+    UiStatusHandler *handler = dynamic_cast<UiStatusHandler *>(service);
+    if (!handler)
+        qWarning() << "PINDialog: service has no status handler";
+    return handler;
+}
+
+/// The translated annotation of `key` with the service's current length bounds.
+QString PINDialog::annotationText(const char *key) const
+{
+    int minLen = 0;
+    int maxLen = 0;
+    if (UiStatusHandler *handler = statusHandler()) {
+        minLen = handler->GetPINMinLen();
+        maxLen = handler->GetPINMaxLen();
+    }
+    return withBounds(tr(key), minLen, maxLen);
+}
+
+QString PINDialog::lengthText() const
+{
+    return withBounds(tr("The password must be %1-%2 characters"), pinMinLen, pinMaxLen);
+}
+
+/// In simple keyboard mode a PIN holds letters and digits only: the text is cut
+/// at the first other character. The other modes accept anything.
+QString PINDialog::filteredText(const QString &text) const
+{
+    if (keyBoardMode != SimpleKeyBoard)
+        return text;
+    const int k = QRegExp(QStringLiteral("[^a-zA-Z0-9]"), Qt::CaseSensitive).indexIn(text);
+    return k >= 0 ? text.left(k) : text;
+}
+
+bool PINDialog::isPinField(const QObject *obj) const
+{
+    return ui
+           && (obj == ui->lineEdit_oldPin || obj == ui->lineEdit_newPin
+               || obj == ui->lineEdit_confirmPin);
+}
+
+/**
+ * Strength of a PIN: 0 too short, 2 forbidden pattern (repetition, straight
+ * run, keyboard walk), otherwise 3, 4 or 5 by the number of character classes.
+ * Only the lower bound is tested; the line edits' maximum length holds the upper.
+ */
+int PINDialog::IsValidPIN(QString pin)
+{
+    int level = 2;
+    const int n = pin.size();
+    if (n < static_cast<int>(pinMinLen)) {
+        level = 0;
+    } else {
+        bool digit = false, lower = false, upper = false, other = false;
+        for (const QChar c : pin) {
+            const unsigned char b = static_cast<unsigned char>(c.toLatin1());
+            if (b >= '0' && b <= '9')
+                digit = true;
+            else if (b >= 'a' && b <= 'z')
+                lower = true;
+            else if (b >= 'A' && b <= 'Z')
+                upper = true;
+            else
+                other = true;
+        }
+        auto byteAt = [&pin](int i) { return static_cast<unsigned char>(pin.at(i).toLatin1()); };
+
+        bool repeated = true;
+        bool descending = true;
+        bool ascending = true;
+        bool walk = true;
+        for (int i = 0; i < n - 1; ++i) {
+            if (pin.at(i) != pin.at(i + 1))
+                repeated = false;
+            if (byteAt(i) != byteAt(i + 1) + 1)
+                descending = false;
+            if (byteAt(i) + 1 != byteAt(i + 1))
+                ascending = false;
+            if (endsWalk(unshiftedRow, pin.at(i), pin.at(i + 1))
+                || endsWalk(shiftedRow, pin.at(i), pin.at(i + 1)))
+                walk = false;
+        }
+        if (!repeated && !descending && !ascending && !walk) {
+            const int classes = int(digit) + int(lower) + int(upper) + int(other);
+            level = classes <= 1 ? 3 : classes == 2 ? 4 : 5;
+        }
+    }
+    qDebug() << "return level=" << level;
+    return level;
+}
+
+/// Part of the dialog's interface; the OK flow makes its own checks.
+bool PINDialog::IsAllInputValid()
+{
+    const QString oldPin = ui->lineEdit_oldPin->text();
+    const QString newPin = ui->lineEdit_newPin->text();
+    const QString confirmPin = ui->lineEdit_confirmPin->text();
+    switch (mode) {
+    case 0:
+    case 1:
+    case 4:
+    case 5:
+        return IsValidPIN(oldPin) >= 1;
+    case 2:
+    case 3:
+        return IsValidPIN(oldPin) >= 1 && IsValidPIN(newPin) >= 4 && newPin == confirmPin;
+    case 6:
+        return IsValidPIN(newPin) >= 4 && newPin == confirmPin;
+    default:
+        return false;
+    }
+}
+
+void PINDialog::randomSoftKeyboard()
+{
+    // Kept on purpose: keyboardVisible is never set again after construction,
+    // so focus changes do not reshuffle the keys.
+    if (!keyboardVisible)
+        return;
+    if (keyBoardMode == SimpleKeyBoard) {
+        if (auto *kb = qobject_cast<SimpleSoftKeyboard *>(keyboard))
+            kb->randomSoftKeyboard();
+    } else if (keyBoardMode == FullKeyBoard) {
+        if (auto *kb = qobject_cast<SoftKeyboard *>(keyboard))
+            kb->randomSoftKeyboard();
+    }
+}
+
+/**
+ * Tracks which PIN field receives on-screen keyboard input and keeps the
+ * clipboard, the selection (middle click) and drag-and-drop away from the PIN
+ * fields: typing and the on-screen keyboard are the only ways in or out.
+ */
+bool PINDialog::eventFilter(QObject *obj, QEvent *event)
+{
+    if (!ui)
+        return QObject::eventFilter(obj, event);
+
+    if (ui->lineEdit_oldPin->hasFocus())
+        currentLineEdit = ui->lineEdit_oldPin;
+    else if (ui->lineEdit_newPin->hasFocus())
+        currentLineEdit = ui->lineEdit_newPin;
+    else if (ui->lineEdit_confirmPin->hasFocus())
+        currentLineEdit = ui->lineEdit_confirmPin;
+    else
+        currentLineEdit = nullptr;
+
+    switch (event->type()) {
+    case QEvent::KeyPress:
+    case QEvent::KeyRelease: {
+        const auto *keyEvent = static_cast<QKeyEvent *>(event);
+        if ((keyEvent->matches(QKeySequence::Copy) || keyEvent->matches(QKeySequence::Paste)
+             || keyEvent->matches(QKeySequence::Cut))
+            && isPinField(obj))
+            return true;
+        break;
+    }
+    case QEvent::FocusIn:
+        if (isPinField(obj)) {
+            qDebug() << "QEvent::FocusIn, obj=" << obj;
+            randomSoftKeyboard();
+        }
+        break;
+    case QEvent::MouseButtonPress:
+    case QEvent::MouseButtonRelease:
+    case QEvent::MouseButtonDblClick:
+        // The middle button pastes the X selection on release.
+        if (isPinField(obj) && static_cast<QMouseEvent *>(event)->button() == Qt::MiddleButton)
+            return true;
+        break;
+    case QEvent::DragEnter:
+    case QEvent::DragMove:
+    case QEvent::Drop:
+        if (isPinField(obj)) {
+            event->ignore();
+            return true;
+        }
+        break;
+    default:
+        break;
+    }
+    return QObject::eventFilter(obj, event);
+}
+
+void PINDialog::receiveInput(char c)
+{
+    if (currentLineEdit)
+        currentLineEdit->setText(currentLineEdit->text() + QChar::fromLatin1(c));
+}
+
+void PINDialog::receiveBackspace()
+{
+    if (currentLineEdit && !currentLineEdit->text().isEmpty())
+        currentLineEdit->setText(currentLineEdit->text().chopped(1));
+}
+
+/// Language change: narrower than the constructor (kept on purpose: mode 1 keeps
+/// "Old PIN:", mode 6 the form's labels, every mode the title "Form").
+void PINDialog::ReTranslateUI()
+{
+    ui->retranslateUi(this);
+    if (mode == 0)
+        ui->label_oldPin->setText(tr("Input User Pin:"));
+    else if (mode == 4 || mode == 5)
+        ui->label_oldPin->setText(tr("Input Admin Pin:"));
+    ui->label_fixcomment->setText(annotationText(QT_TR_NOOP("IDC_CUSTOM_PIN_ANNOTATION")));
+}
+
+void PINDialog::CleanLineEdits()
+{
+    ui->lineEdit_oldPin->clear();
+    ui->lineEdit_newPin->clear();
+    ui->lineEdit_confirmPin->clear();
+}
+
+void PINDialog::on_lineEdit_newPin_textChanged(const QString &text)
+{
+    const QString kept = filteredText(text);
+    if (kept.size() != text.size())
+        ui->lineEdit_newPin->setText(kept);
+    if (kept.isEmpty())
+        return;
+
+    switch (IsValidPIN(kept)) {
+    case 5:
+        ui->label_comments->setText(tr("Pin:High"));
+        break;
+    case 4:
+        ui->label_comments->setText(tr("Pin:Normal"));
+        break;
+    case 3:
+        ui->label_comments->setText(tr("Pin:Weak"));
+        break;
+    case 2:
+        // Kept on purpose: the forbidden verdict falls through to the length rule.
+        ui->label_comments->setText(tr("Pin:Forbidden"));
+        Q_FALLTHROUGH();
+    default:
+        ui->label_comments->setText(lengthText());
+        break;
+    }
+    RefreshNewPinStatus(false);
+}
+
+void PINDialog::on_lineEdit_confirmPin_textChanged(const QString &text)
+{
+    const QString kept = filteredText(text);
+    if (kept.size() != text.size())
+        ui->lineEdit_confirmPin->setText(kept);
+}
+
+/**
+ * OK button, or Return in a PIN field: checks the fields and hands the
+ * length-prefixed PINs to the service. The buffer and every byte copy of the
+ * PINs are wiped before they are freed.
+ */
+void PINDialog::on_pushButton_OK_clicked()
+{
+    qDebug() << "on_pushButton_OK_clicked()";
+
+    // isVisibleTo: the rows the mode shows, also while the window itself is hidden.
+    if (ui->lineEdit_oldPin->isVisibleTo(this) && IsValidPIN(ui->lineEdit_oldPin->text()) == 0) {
+        ui->label_comments->setText(lengthText());
+        ui->lineEdit_oldPin->clear();
+        ui->lineEdit_oldPin->setFocus();
+        return;
+    }
+
+    if (ui->lineEdit_newPin->isVisibleTo(this)) {
+        const int level = IsValidPIN(ui->lineEdit_newPin->text());
+        bool rejected = true;
+        if (level == 0)
+            ui->label_comments->setText(lengthText());
+        else if (level >= 4 && ui->lineEdit_confirmPin->text() != ui->lineEdit_newPin->text())
+            ui->label_comments->setText(
+                    tr("Please confirm that new USBKey password is entered identiacally!"));
+        else if (level >= 1 && level <= 3)
+            ui->label_comments->setText(tr("IDC_CUSTOM_PIN_ANNOTATION_2"));
+        else
+            rejected = false;
+        if (rejected) {
+            ui->lineEdit_newPin->clear();
+            ui->lineEdit_confirmPin->clear();
+            ui->lineEdit_newPin->setFocus();
+            return;
+        }
+    }
+
+    UiStatusHandler *handler = statusHandler();
+    if (!handler)
+        return;
+
+    QByteArray oldPin = ui->lineEdit_oldPin->text().toUtf8();
+    QByteArray newPin = ui->lineEdit_newPin->text().toUtf8();
+    const uint32_t oldLen
+            = static_cast<uint32_t>(strnlen(oldPin.constData(), size_t(oldPin.size())));
+    const uint32_t newLen
+            = static_cast<uint32_t>(strnlen(newPin.constData(), size_t(newPin.size())));
+    const size_t allocated = size_t(oldLen) + newLen + 16;
+    auto *buffer = static_cast<unsigned char *>(malloc(allocated));
+    if (!buffer) {
+        qWarning() << "on_pushButton_OK_clicked: out of memory";
+        explicit_bzero(oldPin.data(), size_t(oldPin.capacity()));
+        explicit_bzero(newPin.data(), size_t(newPin.capacity()));
+        return;
+    }
+    // Best effort: keep the PINs out of swap while they are here.
+    const bool locked = mlock(buffer, allocated) == 0;
+
+    unsigned char *p = buffer;
+    const uint32_t lengths[2] = {oldLen, newLen};
+    const char *const pins[2] = {oldPin.constData(), newPin.constData()};
+    for (int i = 0; i < 2; ++i) {
+        const uint32_t len = lengths[i];
+        p[0] = static_cast<unsigned char>(len & 0xFF);
+        p[1] = static_cast<unsigned char>((len >> 8) & 0xFF);
+        p[2] = static_cast<unsigned char>((len >> 16) & 0xFF);
+        p[3] = static_cast<unsigned char>((len >> 24) & 0xFF);
+        memcpy(p + 4, pins[i], len);
+        p += 4 + len;
+    }
+
+    resultReported = true;
+    // The service copies the buffer before it returns; nothing below touches a member.
+    handler->SetPINStatus(1, buffer, 8ul + oldLen + newLen);
+
+    explicit_bzero(buffer, allocated);
+    if (locked)
+        munlock(buffer, allocated);
+    free(buffer);
+    explicit_bzero(oldPin.data(), size_t(oldPin.capacity()));
+    explicit_bzero(newPin.data(), size_t(newPin.capacity()));
+}
+
+void PINDialog::on_pushButton_Cancel_clicked()
+{
+    UiStatusHandler *handler = statusHandler();
+    if (!handler)
+        return;
+    resultReported = true;
+    // The service deletes this dialog inside the call.
+    handler->SetPINStatus(0, nullptr, 0);
+}
+
+void PINDialog::on_toolButtonold_softkeyboard_toggled(bool checked)
+{
+    qDebug() << "on_toolButtonold_softkeyboard_toggled: checked=" << checked;
+    ui->widget_softkeyboard->setVisible(checked);
+    RefreshLayout();
+}
+
+void PINDialog::on_toolButtonnew_softkeyboard_toggled(bool checked)
+{
+    qDebug() << "on_toolButtonnew_softkeyboard_toggled: checked=" << checked;
+    ui->widget_softkeyboard->setVisible(checked);
+    RefreshLayout();
+}
+
+void PINDialog::RefreshNewPinStatus(bool)
+{
+    // The comparison has no visible outcome: only the tool tip goes away.
+    const bool same = ui->lineEdit_newPin->text() == ui->lineEdit_confirmPin->text();
+    Q_UNUSED(same);
+    QToolTip::hideText();
+}
+
+void PINDialog::RefreshNewPinStatus() { RefreshNewPinStatus(true); }
+
+/// Keeps asking for activation every half second until the window has it.
+void PINDialog::SetWindowAcitive()
+{
+    qDebug() << "SetWindowAcitive: is focus on?" << isActiveWindow();
+    if (isActiveWindow())
+        return;
+    qDebug() << "SetWindowAcitive: set dialog focus";
+    activateWindow();
+    QTimer::singleShot(500, this, &PINDialog::SetWindowAcitive);
+}
+
+/**
+ * Lines up the visible PIN rows (common label width, common edit width) and
+ * keeps the window at the remembered height while it grows and shrinks with
+ * the keyboard panel.
+ */
+void PINDialog::RefreshLayout()
+{
+    qDebug() << "RefreshLayout: before adjust:" << frameGeometry();
+    if (frameGeometry().y() != 0 && keepWindowY == 0)
+        keepWindowY = frameGeometry().y();
+    adjustSize();
+    qDebug() << "RefreshLayout: after adjust first time:" << size();
+
+    int pinlabelmaxlen = 0;
+    int pineditlen = 0;
+    if (mode != 6) {
+        pinlabelmaxlen = qMax(pinlabelmaxlen, ui->label_oldPin->width());
+        pineditlen = ui->lineEdit_oldPin->width();
+        qDebug() << "RefreshLayout: ui->label_oldPin->width()=" << ui->label_oldPin->width()
+                 << ",ui->lineEdit_oldPin->width()=" << ui->lineEdit_oldPin->width();
+        qDebug() << "RefreshLayout: pinlabelmaxlen=" << pinlabelmaxlen
+                 << ",pineditlen=" << pineditlen;
+    }
+    if (mode == 2 || mode == 3 || mode == 6) {
+        pinlabelmaxlen = qMax(pinlabelmaxlen, ui->label_newPin->width());
+        pineditlen = ui->lineEdit_newPin->width();
+        qDebug() << "RefreshLayout: ui->label_newPin->width()=" << ui->label_newPin->width()
+                 << ",ui->lineEdit_newPin->width()=" << ui->lineEdit_newPin->width();
+        qDebug() << "RefreshLayout: pinlabelmaxlen=" << pinlabelmaxlen
+                 << ",pineditlen=" << pineditlen;
+        pinlabelmaxlen = qMax(pinlabelmaxlen, ui->label_confirmPin->width());
+        pineditlen = ui->lineEdit_confirmPin->width();
+        qDebug() << "RefreshLayout: ui->label_confirmPin->width()=" << ui->label_confirmPin->width()
+                 << ",ui->lineEdit_confirmPin->width()=" << ui->lineEdit_confirmPin->width();
+        qDebug() << "RefreshLayout: pinlabelmaxlen=" << pinlabelmaxlen
+                 << ",pineditlen=" << pineditlen;
+    }
+
+    ui->label_oldPin->setFixedWidth(pinlabelmaxlen);
+    ui->lineEdit_oldPin->setFixedWidth(pineditlen);
+    ui->label_newPin->setFixedWidth(pinlabelmaxlen);
+    ui->lineEdit_newPin->setFixedWidth(pineditlen);
+    ui->label_confirmPin->setFixedWidth(pinlabelmaxlen);
+    ui->lineEdit_confirmPin->setFixedWidth(pineditlen);
+
+    auto logWidths = [this]() {
+        qDebug() << "RefreshLayout: ui->label_oldPin->width()=" << ui->label_oldPin->width()
+                 << ",ui->lineEdit_oldPin->width()=" << ui->lineEdit_oldPin->width();
+        qDebug() << "RefreshLayout: ui->label_newPin->width()=" << ui->label_newPin->width()
+                 << ",ui->lineEdit_newPin->width()=" << ui->lineEdit_newPin->width();
+        qDebug() << "RefreshLayout: ui->label_confirmPin->width()=" << ui->label_confirmPin->width()
+                 << ",ui->lineEdit_confirmPin->width()=" << ui->lineEdit_confirmPin->width();
+    };
+    logWidths();
+    // The nested row layouts still hold the hints measured before the widths
+    // were fixed; activating refreshes them so the second adjustment fits.
+    ui->verticalLayout->activate();
+    adjustSize();
+    qDebug() << "RefreshLayout: after adjust second time:" << size();
+    logWidths();
+
+    qDebug() << "RefreshLayout: after adjust:" << frameGeometry()
+             << ", keepWindowY=" << keepWindowY;
+    if (keepWindowY != 0)
+        move(frameGeometry().x(), keepWindowY);
+    qDebug() << "RefreshLayout: finally:" << frameGeometry();
+}
+
+/**
+ * The window manager's close button answers as Cancel would, exactly once, so
+ * the service never waits for a window that is gone. The answer is given from
+ * the event loop: the service deletes the dialog inside SetPINStatus, which must
+ * not happen inside the close handling. A queued call to a deleted dialog is
+ * dropped, so the service's own hide and delete never report anything.
+ */
+void PINDialog::closeEvent(QCloseEvent *event)
+{
+    event->ignore();
+    if (resultReported || closeAnswerQueued)
+        return;
+    closeAnswerQueued = true;
+    qDebug() << "PINDialog: closed by the window manager, answered as Cancel";
+    QMetaObject::invokeMethod(
+            this,
+            [this]() {
+                if (resultReported)
+                    return;
+                on_pushButton_Cancel_clicked();
+            },
+            Qt::QueuedConnection);
+}
