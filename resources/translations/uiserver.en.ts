@@ -9,7 +9,7 @@
     </message>
     <message>
         <source>Please select the container to be overlapped:</source>
-        <translation>Please select the container to be overlapped:</translation>
+        <translation>Please select the container to overwrite:</translation>
     </message>
     <message>
         <source>Container name:</source>
@@ -55,7 +55,7 @@
     </message>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>Message</translation>
     </message>
     <message>
         <source>Retry</source>
@@ -74,7 +74,7 @@
     <name>PINDialog</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>USBKey PIN</translation>
     </message>
     <message>
         <source>IDC_CUSTOM_PIN_ANNOTATION</source>
@@ -82,7 +82,7 @@
     </message>
     <message>
         <source>IDC_CUSTOM_PIN_ANNOTATION_2</source>
-        <translation>The new PIN is too weak. Please mix digits with upper- and lower-case letters and avoid repeated or sequential characters.</translation>
+        <translation>The new PIN is too weak. Use at least two kinds of characters (lower-case letters, upper-case letters, digits, symbols) and avoid repeated or sequential characters.</translation>
     </message>
     <message>
         <source>comment_passwdinfo_verify</source>
@@ -94,7 +94,7 @@
     </message>
     <message>
         <source>Verify USBKey so password</source>
-        <translation>Verify USBKey so password</translation>
+        <translation>Verify USBKey administrator password</translation>
     </message>
     <message>
         <source>Change USBKey password</source>
@@ -102,7 +102,7 @@
     </message>
     <message>
         <source>Change USBKey so password</source>
-        <translation>Change USBKey so password</translation>
+        <translation>Change USBKey administrator password</translation>
     </message>
     <message>
         <source>Unblock USBKey password</source>
@@ -114,11 +114,11 @@
     </message>
     <message>
         <source>Input User Pin:</source>
-        <translation>Input User Pin:</translation>
+        <translation>User PIN:</translation>
     </message>
     <message>
         <source>Input Admin Pin:</source>
-        <translation>Input Admin Pin:</translation>
+        <translation>Administrator PIN:</translation>
     </message>
     <message>
         <source>Old PIN:</source>
@@ -134,15 +134,15 @@
     </message>
     <message>
         <source>USBKey Passwd:</source>
-        <translation>USBKey Passwd:</translation>
+        <translation>USBKey PIN:</translation>
     </message>
     <message>
         <source>Passwd Confirm:</source>
-        <translation>Passwd Confirm:</translation>
+        <translation>Confirm PIN:</translation>
     </message>
     <message>
         <source>softkeyboard</source>
-        <translation>softkeyboard</translation>
+        <translation>Soft keyboard</translation>
     </message>
     <message>
         <source>OK</source>
@@ -154,38 +154,38 @@
     </message>
     <message>
         <source>The password must be %1-%2 characters</source>
-        <translation>The password must be %1-%2 characters</translation>
+        <translation>The PIN must be %1-%2 characters long.</translation>
     </message>
     <message>
         <source>Pin:Weak</source>
-        <translation>Pin:Weak</translation>
+        <translation>PIN strength: weak</translation>
     </message>
     <message>
         <source>Pin:Normal</source>
-        <translation>Pin:Normal</translation>
+        <translation>PIN strength: medium</translation>
     </message>
     <message>
         <source>Pin:High</source>
-        <translation>Pin:High</translation>
+        <translation>PIN strength: strong</translation>
     </message>
     <message>
         <source>Pin:Forbidden</source>
-        <translation>Pin:Forbidden</translation>
+        <translation>PIN strength: not allowed</translation>
     </message>
     <message>
         <source>Please confirm that new USBKey password is entered identiacally!</source>
-        <translation>Please confirm that new USBKey password is entered identiacally!</translation>
+        <translation>The two new PINs do not match. Please enter them again.</translation>
     </message>
 </context>
 <context>
     <name>SimpleSoftKeyboard</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>Soft keyboard</translation>
     </message>
     <message>
         <source>shift</source>
-        <translation>shift</translation>
+        <translation>Shift</translation>
     </message>
     <message>
         <source>&lt;-</source>
@@ -204,15 +204,15 @@
     <name>SoftKeyboard</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>Soft keyboard</translation>
     </message>
     <message>
         <source>shift</source>
-        <translation>shift</translation>
+        <translation>Shift</translation>
     </message>
     <message>
         <source>space</source>
-        <translation>space</translation>
+        <translation>Space</translation>
     </message>
     <message>
         <source>&lt;-</source>
@@ -235,71 +235,71 @@
     <name>WaitingDialog</name>
     <message>
         <source>Generate Key Pair</source>
-        <translation>Generate Key Pair</translation>
+        <translation>Generating Key Pair</translation>
     </message>
     <message>
         <source>USBKey is generating key pair, please waiting...</source>
-        <translation>USBKey is generating key pair, please waiting...</translation>
+        <translation>The USBKey is generating a key pair, please wait...</translation>
     </message>
     <message>
         <source>Transmit Signature Data</source>
-        <translation>Transmit Signature Data</translation>
+        <translation>Transmitting Signature Data</translation>
     </message>
     <message>
         <source>USBKey is Transmitting Signature Data, please waiting...</source>
-        <translation>USBKey is Transmitting Signature Data, please waiting...</translation>
+        <translation>The USBKey is transmitting signature data, please wait...</translation>
     </message>
     <message>
         <source>Verify user pin</source>
-        <translation>Verify user pin</translation>
+        <translation>Verify user PIN</translation>
     </message>
     <message>
         <source>Change user pin</source>
-        <translation>Change user pin</translation>
+        <translation>Change user PIN</translation>
     </message>
     <message>
         <source>Unlock pin</source>
-        <translation>Unlock pin</translation>
+        <translation>Unblock PIN</translation>
     </message>
     <message>
         <source>Trade Confirm</source>
-        <translation>Trade Confirm</translation>
+        <translation>Confirm Transaction</translation>
     </message>
     <message>
         <source>You will do trade signature! Please check the data on the usbkey screen</source>
-        <translation>You will do trade signature! Please check the data on the usbkey screen</translation>
+        <translation>You are about to sign a transaction. Please check the data on the USBKey screen.</translation>
     </message>
     <message>
         <source>You will restore UKey to default status</source>
-        <translation>You will restore UKey to default status</translation>
+        <translation>The USBKey will be restored to its factory settings</translation>
     </message>
     <message>
         <source>Verify admin pin</source>
-        <translation>Verify admin pin</translation>
+        <translation>Verify administrator PIN</translation>
     </message>
     <message>
         <source>Change admin pin</source>
-        <translation>Change admin pin</translation>
+        <translation>Change administrator PIN</translation>
     </message>
     <message>
         <source>You will set the user pin</source>
-        <translation>You will set the user pin</translation>
+        <translation>You are about to set the user PIN</translation>
     </message>
     <message>
         <source>Please press OK button on USBKey</source>
-        <translation>Please press OK button on USBKey</translation>
+        <translation>Please press the OK button on the USBKey.</translation>
     </message>
     <message>
         <source>Unknown Type</source>
-        <translation>Unknown Type</translation>
+        <translation>Unknown Request</translation>
     </message>
     <message>
         <source>unknown request %1</source>
-        <translation>unknown request %1</translation>
+        <translation>Unknown request: %1</translation>
     </message>
     <message>
         <source>Please press OK button on USBKey in &lt;font color=&quot;red&quot;&gt;%1&lt;/font&gt; second(s)</source>
-        <translation>Please press OK button on USBKey in &lt;font color=&quot;red&quot;&gt;%1&lt;/font&gt; second(s)</translation>
+        <translation>Please press the OK button on the USBKey within &lt;font color=&quot;red&quot;&gt;%1&lt;/font&gt; second(s).</translation>
     </message>
 </context>
 </TS>

@@ -55,7 +55,7 @@
     </message>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>提示</translation>
     </message>
     <message>
         <source>Retry</source>
@@ -74,7 +74,7 @@
     <name>PINDialog</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>USBKey PIN码</translation>
     </message>
     <message>
         <source>IDC_CUSTOM_PIN_ANNOTATION</source>
@@ -82,7 +82,7 @@
     </message>
     <message>
         <source>IDC_CUSTOM_PIN_ANNOTATION_2</source>
-        <translation>新PIN码强度太弱，请混合使用数字和大小写字母，并避免重复或连续的字符。</translation>
+        <translation>新PIN码强度太弱。请至少组合使用小写字母、大写字母、数字、符号中的两种，并避免重复或连续的字符。</translation>
     </message>
     <message>
         <source>comment_passwdinfo_verify</source>
@@ -134,11 +134,11 @@
     </message>
     <message>
         <source>USBKey Passwd:</source>
-        <translation>USBKey密码：</translation>
+        <translation>USBKey PIN码：</translation>
     </message>
     <message>
         <source>Passwd Confirm:</source>
-        <translation>确认密码：</translation>
+        <translation>确认PIN码：</translation>
     </message>
     <message>
         <source>softkeyboard</source>
@@ -154,38 +154,38 @@
     </message>
     <message>
         <source>The password must be %1-%2 characters</source>
-        <translation>密码长度必须为%1-%2位</translation>
+        <translation>PIN码长度必须为%1-%2位。</translation>
     </message>
     <message>
         <source>Pin:Weak</source>
-        <translation>密码强度：弱</translation>
+        <translation>PIN码强度：弱</translation>
     </message>
     <message>
         <source>Pin:Normal</source>
-        <translation>密码强度：中</translation>
+        <translation>PIN码强度：中</translation>
     </message>
     <message>
         <source>Pin:High</source>
-        <translation>密码强度：强</translation>
+        <translation>PIN码强度：强</translation>
     </message>
     <message>
         <source>Pin:Forbidden</source>
-        <translation>密码强度：禁止使用</translation>
+        <translation>PIN码强度：不允许使用</translation>
     </message>
     <message>
         <source>Please confirm that new USBKey password is entered identiacally!</source>
-        <translation>两次输入的新USBKey密码不一致，请重新输入！</translation>
+        <translation>两次输入的新PIN码不一致，请重新输入。</translation>
     </message>
 </context>
 <context>
     <name>SimpleSoftKeyboard</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>软键盘</translation>
     </message>
     <message>
         <source>shift</source>
-        <translation>shift</translation>
+        <translation>Shift</translation>
     </message>
     <message>
         <source>&lt;-</source>
@@ -204,11 +204,11 @@
     <name>SoftKeyboard</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>软键盘</translation>
     </message>
     <message>
         <source>shift</source>
-        <translation>shift</translation>
+        <translation>Shift</translation>
     </message>
     <message>
         <source>space</source>
@@ -267,11 +267,11 @@
     </message>
     <message>
         <source>You will do trade signature! Please check the data on the usbkey screen</source>
-        <translation>您将进行交易签名！请核对USBKey屏幕上的数据</translation>
+        <translation>您即将进行交易签名，请核对USBKey屏幕上显示的数据。</translation>
     </message>
     <message>
         <source>You will restore UKey to default status</source>
-        <translation>您将把UKey恢复到出厂状态</translation>
+        <translation>即将把USBKey恢复为出厂状态</translation>
     </message>
     <message>
         <source>Verify admin pin</source>
@@ -283,19 +283,19 @@
     </message>
     <message>
         <source>You will set the user pin</source>
-        <translation>您将设置用户PIN码</translation>
+        <translation>即将设置用户PIN码</translation>
     </message>
     <message>
         <source>Please press OK button on USBKey</source>
-        <translation>请按USBKey上的确认键</translation>
+        <translation>请按USBKey上的确认键。</translation>
     </message>
     <message>
         <source>Unknown Type</source>
-        <translation>未知类型</translation>
+        <translation>未知请求</translation>
     </message>
     <message>
         <source>unknown request %1</source>
-        <translation>未知请求 %1</translation>
+        <translation>未知请求：%1</translation>
     </message>
     <message>
         <source>Please press OK button on USBKey in &lt;font color=&quot;red&quot;&gt;%1&lt;/font&gt; second(s)</source>

@@ -9,7 +9,7 @@
     </message>
     <message>
         <source>Please select the container to be overlapped:</source>
-        <translation>請選擇要覆蓋的容器：</translation>
+        <translation>請選擇要覆寫的容器：</translation>
     </message>
     <message>
         <source>Container name:</source>
@@ -55,7 +55,7 @@
     </message>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>提示</translation>
     </message>
     <message>
         <source>Retry</source>
@@ -74,7 +74,7 @@
     <name>PINDialog</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>USBKey PIN碼</translation>
     </message>
     <message>
         <source>IDC_CUSTOM_PIN_ANNOTATION</source>
@@ -82,7 +82,7 @@
     </message>
     <message>
         <source>IDC_CUSTOM_PIN_ANNOTATION_2</source>
-        <translation>新PIN碼強度太弱，請混合使用數字和大小寫字母，並避免重複或連續的字元。</translation>
+        <translation>新PIN碼強度太弱。請至少組合使用小寫字母、大寫字母、數字、符號中的兩種，並避免重複或連續的字元。</translation>
     </message>
     <message>
         <source>comment_passwdinfo_verify</source>
@@ -98,15 +98,15 @@
     </message>
     <message>
         <source>Change USBKey password</source>
-        <translation>修改USBKey密碼</translation>
+        <translation>變更USBKey密碼</translation>
     </message>
     <message>
         <source>Change USBKey so password</source>
-        <translation>修改USBKey管理員密碼</translation>
+        <translation>變更USBKey管理員密碼</translation>
     </message>
     <message>
         <source>Unblock USBKey password</source>
-        <translation>解鎖USBKey密碼</translation>
+        <translation>解除鎖定USBKey密碼</translation>
     </message>
     <message>
         <source>Set USBKey password</source>
@@ -134,15 +134,15 @@
     </message>
     <message>
         <source>USBKey Passwd:</source>
-        <translation>USBKey密碼：</translation>
+        <translation>USBKey PIN碼：</translation>
     </message>
     <message>
         <source>Passwd Confirm:</source>
-        <translation>確認密碼：</translation>
+        <translation>確認PIN碼：</translation>
     </message>
     <message>
         <source>softkeyboard</source>
-        <translation>軟鍵盤</translation>
+        <translation>螢幕小鍵盤</translation>
     </message>
     <message>
         <source>OK</source>
@@ -154,38 +154,38 @@
     </message>
     <message>
         <source>The password must be %1-%2 characters</source>
-        <translation>密碼長度必須為%1-%2位</translation>
+        <translation>PIN碼長度必須為%1-%2位。</translation>
     </message>
     <message>
         <source>Pin:Weak</source>
-        <translation>密碼強度：弱</translation>
+        <translation>PIN碼強度：弱</translation>
     </message>
     <message>
         <source>Pin:Normal</source>
-        <translation>密碼強度：中</translation>
+        <translation>PIN碼強度：中</translation>
     </message>
     <message>
         <source>Pin:High</source>
-        <translation>密碼強度：強</translation>
+        <translation>PIN碼強度：強</translation>
     </message>
     <message>
         <source>Pin:Forbidden</source>
-        <translation>密碼強度：禁止使用</translation>
+        <translation>PIN碼強度：不允許使用</translation>
     </message>
     <message>
         <source>Please confirm that new USBKey password is entered identiacally!</source>
-        <translation>兩次輸入的新USBKey密碼不一致，請重新輸入！</translation>
+        <translation>兩次輸入的新PIN碼不一致，請重新輸入。</translation>
     </message>
 </context>
 <context>
     <name>SimpleSoftKeyboard</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>螢幕小鍵盤</translation>
     </message>
     <message>
         <source>shift</source>
-        <translation>shift</translation>
+        <translation>Shift</translation>
     </message>
     <message>
         <source>&lt;-</source>
@@ -204,11 +204,11 @@
     <name>SoftKeyboard</name>
     <message>
         <source>Form</source>
-        <translation>Form</translation>
+        <translation>螢幕小鍵盤</translation>
     </message>
     <message>
         <source>shift</source>
-        <translation>shift</translation>
+        <translation>Shift</translation>
     </message>
     <message>
         <source>space</source>
@@ -255,11 +255,11 @@
     </message>
     <message>
         <source>Change user pin</source>
-        <translation>修改使用者PIN碼</translation>
+        <translation>變更使用者PIN碼</translation>
     </message>
     <message>
         <source>Unlock pin</source>
-        <translation>解鎖PIN碼</translation>
+        <translation>解除鎖定PIN碼</translation>
     </message>
     <message>
         <source>Trade Confirm</source>
@@ -267,11 +267,11 @@
     </message>
     <message>
         <source>You will do trade signature! Please check the data on the usbkey screen</source>
-        <translation>您即將進行交易簽章！請核對USBKey螢幕上的資料</translation>
+        <translation>您即將進行交易簽章，請核對USBKey螢幕上顯示的資料。</translation>
     </message>
     <message>
         <source>You will restore UKey to default status</source>
-        <translation>您即將把UKey還原為出廠狀態</translation>
+        <translation>即將把USBKey還原為原廠設定</translation>
     </message>
     <message>
         <source>Verify admin pin</source>
@@ -279,23 +279,23 @@
     </message>
     <message>
         <source>Change admin pin</source>
-        <translation>修改管理員PIN碼</translation>
+        <translation>變更管理員PIN碼</translation>
     </message>
     <message>
         <source>You will set the user pin</source>
-        <translation>您即將設定使用者PIN碼</translation>
+        <translation>即將設定使用者PIN碼</translation>
     </message>
     <message>
         <source>Please press OK button on USBKey</source>
-        <translation>請按USBKey上的確認鍵</translation>
+        <translation>請按USBKey上的確認鍵。</translation>
     </message>
     <message>
         <source>Unknown Type</source>
-        <translation>未知類型</translation>
+        <translation>未知請求</translation>
     </message>
     <message>
         <source>unknown request %1</source>
-        <translation>未知請求 %1</translation>
+        <translation>未知請求：%1</translation>
     </message>
     <message>
         <source>Please press OK button on USBKey in &lt;font color=&quot;red&quot;&gt;%1&lt;/font&gt; second(s)</source>

@@ -108,7 +108,7 @@ int main(int argc, char *argv[])
     // 4. The token waits for its button.
     ok = ok && zrui_begin_session(c, 0) == ZRUI_OK
          && zrui_waiting_show(c, 2, "1=30|0=wait.gif") == ZRUI_OK;
-    ok = ok && shoot(QStringLiteral("Verify user pin"), QStringLiteral("4-waiting.png"));
+    ok = ok && shoot(QStringLiteral("Verify user PIN"), QStringLiteral("4-waiting.png"));
     ok = ok && zrui_waiting_finish(c) == ZRUI_OK && zrui_end_session(c) == ZRUI_OK;
 
     // 5. Choose a container.

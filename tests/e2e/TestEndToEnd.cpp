@@ -151,11 +151,11 @@ void TestEndToEnd::testChooseThirdContainer()
 void TestEndToEnd::testWaitingWindowAppearsAndDisappears()
 {
     QCOMPARE(zrui_waiting_show(conn, 2, "1=30"), int(ZRUI_OK));
-    const QString window = XDoTool::waitForWindow(QStringLiteral("Verify user pin"));
+    const QString window = XDoTool::waitForWindow(QStringLiteral("Verify user PIN"));
     QVERIFY(!window.isEmpty());
-    QCOMPARE(XDoTool::windowName(window), QStringLiteral("Verify user pin"));
+    QCOMPARE(XDoTool::windowName(window), QStringLiteral("Verify user PIN"));
     QCOMPARE(zrui_waiting_finish(conn), int(ZRUI_OK));
-    QVERIFY(XDoTool::waitForNoWindow(QStringLiteral("Verify user pin")));
+    QVERIFY(XDoTool::waitForNoWindow(QStringLiteral("Verify user PIN")));
     QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
 }
 

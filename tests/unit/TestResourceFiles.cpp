@@ -93,6 +93,8 @@ private slots:
     void testTranslations();
     void testTranslationSources();
     void testTranslationsMatchProgramTexts();
+    void testChineseScripts_data();
+    void testChineseScripts();
     void testIcon();
     void testWaitAnimation();
     void testDevConfig();
@@ -244,8 +246,9 @@ void TestResourceFiles::testTranslations_data()
     QTest::newRow("en weak") << "en"
                              << "PINDialog"
                              << "IDC_CUSTOM_PIN_ANNOTATION_2"
-                             << "The new PIN is too weak. Please mix digits with upper- and "
-                                "lower-case letters and avoid repeated or sequential characters.";
+                             << "The new PIN is too weak. Use at least two kinds of characters "
+                                "(lower-case letters, upper-case letters, digits, symbols) and "
+                                "avoid repeated or sequential characters.";
     QTest::newRow("en warning") << "en"
                                 << "MessageDialog"
                                 << "Title_Warning"
@@ -280,8 +283,7 @@ void TestResourceFiles::testTranslations_data()
                                       << "Form" << QString::fromUtf8("选择容器");
     QTest::newRow("zh_CN PIN form title") << "zh_CN"
                                           << "PINDialog"
-                                          << "Form"
-                                          << "Form";
+                                          << "Form" << QString::fromUtf8("USBKey PIN码");
     QTest::newRow("zh_TW space") << "zh_TW"
                                  << "SoftKeyboard"
                                  << "space" << QString::fromUtf8("空格");
@@ -383,6 +385,41 @@ void TestResourceFiles::testTranslationsMatchProgramTexts()
                  qPrintable(name + "\nno longer in the program:\n  " + lost.join("\n  ")
                             + "\nnot translated:\n  " + gained.join("\n  ")));
     }
+}
+
+// Characters written differently in the two Chinese scripts (simplified
+// and traditional forms of the same words, neither used in the other
+// script): a Simplified Chinese text copied into the Traditional file, or
+// the other way round, shows here.
+void TestResourceFiles::testChineseScripts_data()
+{
+    const QString simplified = QString::fromUtf8(
+            "两为会传储内写号员复对将尝态户择数旧显满盖盘码确种称签组续联认许设证试误请软输还进连"
+            "选钥锁错键长间须验状资萤预变产");
+    const QString traditional = QString::fromUtf8(
+            "兩為會傳儲內寫號員複復對將嘗態戶擇數舊顯滿蓋盤碼確種稱簽組續聯認許設證試誤請軟輸還進"
+            "連選鑰鎖錯鍵長間須驗狀資螢預變產");
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QString>("own");
+    QTest::addColumn<QString>("foreign");
+    QTest::newRow("zh_CN") << "zh_CN" << simplified << traditional;
+    QTest::newRow("zh_TW") << "zh_TW" << traditional << simplified;
+}
+
+void TestResourceFiles::testChineseScripts()
+{
+    QFETCH(QString, tag);
+    QFETCH(QString, own);
+    QFETCH(QString, foreign);
+    int ownCount = 0;
+    for (const QString &m : tsMessages(sourceDir() + "/translations/uiserver." + tag + ".ts")) {
+        const QString translation = m.section(" | ", 2);
+        for (const QChar c : translation) {
+            QVERIFY2(!foreign.contains(c), qPrintable(tag + ": " + c + " in " + m));
+            ownCount += own.contains(c);
+        }
+    }
+    QVERIFY2(ownCount >= 100, qPrintable(QString::number(ownCount)));
 }
 
 void TestResourceFiles::testIcon()
