@@ -1,10 +1,8 @@
 #include "ui/UI_Service.h"
 #include "ServerLauncher.h"
 
-#include "ui/CertListDialog.h"
 #include "ui/MessageDialog.h"
 #include "ui/PINDialog.h"
-#include "ui/WaitingDialog.h"
 #include "service/FIFO_Service.h"
 
 #include <QDir>
@@ -19,11 +17,14 @@
 #include <memory>
 #include <unistd.h>
 
-/*
- * The coordinator built for real inside the test process: stand-in token
- * libraries, a signed resource file (or one of the signed test variants),
- * the socket service in its thread and the real dialogs.
- */
+static bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+}
+
+// The real coordinator in the test process: stand-in token libraries, signed
+// resources (or a signed test variant), the socket service and the dialogs.
 class TestUIService : public QObject
 {
     Q_OBJECT
@@ -37,22 +38,18 @@ private slots:
     void testConfiguration();
     void testPinLengthsFromSharedRecord();
     void testPinHandOff();
-    void testMessageAndListStatus();
-    void testSignalsReachSlots();
-    void testPinDialogReplacedAndHidden();
-    void testKeepAliveTimerStopsListening();
+    void testListAndMessageStatus();
+    void testExitTimerAndPipeFailure();
 
 private:
-    // Builds a UI_Service in a fresh working directory holding ZRUIConf.ini
-    // and the resource files of the variant ("" = the build's bin/).
+    // A UI_Service in a fresh directory with ZRUIConf.ini and the variant's resources ("": bin/).
     std::unique_ptr<UI_Service> make(const QString &variant,
                                      const QByteArray &config = QByteArray());
     QString socketName() const
     {
         return QCoreApplication::applicationName() + QString::number(getuid());
     }
-    // Runs the application's event loop until quit() arrives or the deadline
-    // passes; true when quit() ended it.
+    // Runs the application's loop until quit() or the deadline; true when quit() ended it.
     bool quitArrives(int timeoutMs);
 
     QString savedCwd;
@@ -64,8 +61,7 @@ private:
 
 void TestUIService::initTestCase()
 {
-    // The socket name is the application name plus the user id: make it
-    // unique so that parallel runs (other build trees) do not collide.
+    // The socket name is the application name plus the uid: unique per run.
     QCoreApplication::setApplicationName(
             QStringLiteral("TestUIService%1x").arg(QCoreApplication::applicationPid()));
     savedCwd = QDir::currentPath();
@@ -77,8 +73,7 @@ void TestUIService::initTestCase()
 
 void TestUIService::init()
 {
-    // A destroyed coordinator's service thread posts a quit() on its way out;
-    // consume it here (no loop runs) so it cannot end a later event loop.
+    // Consume the quit() a destroyed coordinator's thread posts, so it ends no later loop.
     QCoreApplication::sendPostedEvents();
     QCoreApplication::processEvents();
 }
@@ -106,11 +101,9 @@ std::unique_ptr<UI_Service> TestUIService::make(const QString &variant, const QB
             return nullptr;
         }
     }
-    QFile conf(work->filePath("ZRUIConf.ini"));
-    if (!conf.open(QIODevice::WriteOnly))
+    if (!writeFile(work->filePath("ZRUIConf.ini"),
+                   config.isNull() ? QByteArray("SAFEPATH=" + libDir + "\n") : config))
         return nullptr;
-    conf.write(config.isNull() ? QByteArray("SAFEPATH=" + libDir + "\n") : config);
-    conf.close();
 
     // As main does for the file beside the executable.
     registeredResource = work->filePath("resources.rcc");
@@ -122,9 +115,8 @@ std::unique_ptr<UI_Service> TestUIService::make(const QString &variant, const QB
 
 bool TestUIService::quitArrives(int timeoutMs)
 {
-    // The application's own loop, as in main: QEventLoop::exec() would
-    // return at once after any earlier quit (Qt keeps that state until
-    // QCoreApplication::exec() resets it), which could hide a missing quit.
+    // The application's own loop, as in main: QEventLoop::exec() would return at once
+    // after any earlier quit, which could hide a missing one.
     bool timedOut = false;
     QTimer fallback;
     fallback.setSingleShot(true);
@@ -165,11 +157,8 @@ void TestUIService::testFailExit()
 
     QTemporaryDir simDir;
     if (!tokensimIni.isEmpty()) {
-        QFile ini(simDir.filePath("tokensim.ini"));
-        QVERIFY(ini.open(QIODevice::WriteOnly));
-        ini.write(tokensimIni);
-        ini.close();
-        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(ini.fileName()));
+        QVERIFY(writeFile(simDir.filePath("tokensim.ini"), tokensimIni));
+        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(simDir.filePath("tokensim.ini")));
     }
 
     QTest::ignoreMessage(QtWarningMsg, qPrintable(warning));
@@ -179,16 +168,9 @@ void TestUIService::testFailExit()
     QVERIFY(ui->service() == nullptr);
     QVERIFY(ui->keepAliveTimer() == nullptr);
     QVERIFY(!ServerLauncher::isListening(socketName()));
-    // Getters and setters stay harmless.
-    QCOMPARE(ui->GetMsgStatus(), -2);
-    QString pin = QStringLiteral("untouched");
-    QCOMPARE(ui->GetDefaultPIN(pin), -1);
-    QCOMPARE(pin, QStringLiteral("untouched"));
+    // Setters and hide slots stay harmless on the half-built object.
     ui->SetListSelectStatus(0, 2);
-    int status = 9, index = 9;
-    ui->GetListSelectStatus(status, index);
-    QCOMPARE(status, 0);
-    QCOMPARE(index, 2);
+    ui->SetMsgStatus(1);
     ui->on_pin_dialog_hide();
     ui->on_message_dialog_hide();
     ui->on_waiting_dialog_hide();
@@ -251,11 +233,8 @@ void TestUIService::testConfiguration()
 void TestUIService::testPinLengthsFromSharedRecord()
 {
     QTemporaryDir simDir;
-    QFile ini(simDir.filePath("tokensim.ini"));
-    QVERIFY(ini.open(QIODevice::WriteOnly));
-    ini.write("[pin]\nmin=4\nmax=12\n");
-    ini.close();
-    qputenv("ZRTOKENSIM_CONF", QFile::encodeName(ini.fileName()));
+    QVERIFY(writeFile(simDir.filePath("tokensim.ini"), "[pin]\nmin=4\nmax=12\n"));
+    qputenv("ZRTOKENSIM_CONF", QFile::encodeName(simDir.filePath("tokensim.ini")));
 
     std::unique_ptr<UI_Service> ui = make(QString());
     QVERIFY(ui && ui->service());
@@ -304,24 +283,24 @@ void TestUIService::testPinHandOff()
     ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(huge.data()), ulong(huge.size()));
     QCOMPARE(ui->GetPINStatus(&buffer, &length), 1);
     QCOMPARE(length, 0ul);
+
+    // A new PIN dialog also starts from a wiped buffer.
+    ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(again.data()), 6);
+    ui->on_pin_dialog_show(0);
+    QVERIFY(ui->currentPinDialog() != nullptr);
+    QCOMPARE(ui->GetPINStatus(&buffer, &length), -1);
+    QCOMPARE(length, 0ul);
+    QCOMPARE(QByteArray(reinterpret_cast<char *>(internal), 6), QByteArray(6, '\0'));
+    ui->on_pin_dialog_hide();
 }
 
-void TestUIService::testMessageAndListStatus()
+void TestUIService::testListAndMessageStatus()
 {
     std::unique_ptr<UI_Service> ui = make(QString());
     QVERIFY(ui && ui->service());
-
-    QCOMPARE(ui->GetMsgStatus(), -2);
-    ui->SetMsgStatus(-1);
-    QCOMPARE(ui->GetMsgStatus(), -1);
-    ui->SetMsgStatus(1);
-    QCOMPARE(ui->GetMsgStatus(), 1);
-    ui->SetMsgStatus(0);
-    QCOMPARE(ui->GetMsgStatus(), 0);
-
     int status = 0, index = 0;
-    ui->SetListSelectStatus(-1, 0);
     // Type 1: answered at once, without a window.
+    ui->SetListSelectStatus(-1, 0);
     ui->on_list_dialog_show(1, QStringLiteral("a\nb"));
     ui->GetListSelectStatus(status, index);
     QCOMPARE(status, 1);
@@ -338,19 +317,7 @@ void TestUIService::testMessageAndListStatus()
         QVERIFY(ui->currentListDialog() == nullptr);
     }
 
-    // Type 0 shows the dialog; a final status closes and deletes it.
-    ui->on_list_dialog_show(0, QStringLiteral("first\nsecond"));
-    QPointer<CertListDialog> list = ui->currentListDialog();
-    QVERIFY(list);
-    QVERIFY(list->isVisible());
-    ui->SetListSelectStatus(1, 1);
-    QVERIFY(list.isNull());
-    QVERIFY(ui->currentListDialog() == nullptr);
-    ui->GetListSelectStatus(status, index);
-    QCOMPARE(status, 1);
-    QCOMPARE(index, 1);
-
-    // -1 from the socket thread never touches a dialog.
+    // -1 from the socket thread never touches a dialog; a final status deletes it.
     ui->on_message_dialog_show(QStringLiteral("t"), QStringLiteral("m"), 0);
     QPointer<MessageDialog> message = ui->currentMessageDialog();
     QVERIFY(message);
@@ -361,49 +328,21 @@ void TestUIService::testMessageAndListStatus()
     QVERIFY(ui->currentMessageDialog() == nullptr);
 }
 
-void TestUIService::testSignalsReachSlots()
+void TestUIService::testExitTimerAndPipeFailure()
 {
     if (!QFile::exists(ServerLauncher::resourceVariantDir("keepalive2") + "/resources.rcc"))
         QSKIP("test resource variant keepalive2 not built");
     std::unique_ptr<UI_Service> ui = make(QStringLiteral("keepalive2"));
     QVERIFY(ui && ui->service());
     FIFO_Service *service = ui->service();
-    // StartPipe() reached CreatePipeAndListen() in the service thread.
     QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(socketName()), 10000);
-
-    // Emitted here, in the GUI thread: the automatic connections are direct.
-    auto emitSignal = [service](const char *signal, QGenericArgument a = QGenericArgument(),
-                                QGenericArgument b = QGenericArgument(),
-                                QGenericArgument c = QGenericArgument()) {
-        return QMetaObject::invokeMethod(service, signal, Qt::DirectConnection, a, b, c);
+    auto emitSignal = [service](const char *signal) {
+        return QMetaObject::invokeMethod(service, signal, Qt::DirectConnection);
     };
-
-    ui->SetListSelectStatus(-1, 0);
-    QVERIFY(emitSignal("show_list_dialog", Q_ARG(unsigned long, 1ul), Q_ARG(QString, "x")));
-    int status = 0, index = 0;
-    ui->GetListSelectStatus(status, index);
-    QCOMPARE(status, 1);
-    QCOMPARE(index, -1);
-
-    QVERIFY(emitSignal("show_message_dialog", Q_ARG(QString, "title"), Q_ARG(QString, "text"),
-                       Q_ARG(unsigned long, 0ul)));
-    QVERIFY(ui->currentMessageDialog() != nullptr);
-    ui->SetMsgStatus(0);
-    QVERIFY(ui->currentMessageDialog() == nullptr);
-
-    QVERIFY(emitSignal("show_waiting_dialog", Q_ARG(QString, "info"), Q_ARG(unsigned long, 0ul)));
-    QVERIFY(ui->currentWaitingDialog() != nullptr);
-    QVERIFY(emitSignal("hide_waiting_dialog"));
-    QVERIFY(ui->currentWaitingDialog() == nullptr);
-
-    QVERIFY(emitSignal("show_pin_dialog", Q_ARG(unsigned long, 0ul)));
-    QVERIFY(ui->currentPinDialog() != nullptr);
-    QVERIFY(emitSignal("hide_pin_dialog"));
-    QVERIFY(ui->currentPinDialog() == nullptr);
 
     QTimer *timer = ui->keepAliveTimer();
     QVERIFY(timer);
-    // Listening has already asked for the timer (no session open).
+    // Listening with no session open has asked for the timer.
     QTRY_VERIFY_WITH_TIMEOUT(timer->isActive(), 5000);
     QVERIFY(emitSignal("stopExitTimer"));
     QVERIFY(!timer->isActive());
@@ -411,10 +350,12 @@ void TestUIService::testSignalsReachSlots()
     QVERIFY(timer->isActive());
     QVERIFY(emitSignal("stopExitTimer"));
     QVERIFY(!timer->isActive());
+    // Left running, the tick stops listening directly; the accept loop ends within a second.
+    QVERIFY(emitSignal("startExitTimer"));
+    QTRY_VERIFY_WITH_TIMEOUT(!ServerLauncher::isListening(socketName()), 10000);
 
-    // start_pipe_failed() quits the application at once.
+    // start_pipe_failed() quits the application; nothing else has asked for a quit yet.
     QCoreApplication::sendPostedEvents();
-    // Nothing asked for a quit yet: the loop must run to its deadline.
     QVERIFY(!quitArrives(300));
     bool emitted = false;
     QTimer::singleShot(0, this, [&]() {
@@ -423,56 +364,6 @@ void TestUIService::testSignalsReachSlots()
     });
     QVERIFY(quitArrives(10000));
     QVERIFY(emitted);
-}
-
-void TestUIService::testPinDialogReplacedAndHidden()
-{
-    std::unique_ptr<UI_Service> ui = make(QString());
-    QVERIFY(ui && ui->service());
-
-    ui->on_pin_dialog_show(0);
-    QPointer<PINDialog> first = ui->currentPinDialog();
-    QVERIFY(first);
-    QVERIFY(first->isVisible());
-    unsigned char *buffer = nullptr;
-    unsigned long length = 0;
-    QByteArray result = QByteArray::fromHex("06000000313131313131") + QByteArray(4, '\0');
-    ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(result.data()), ulong(result.size()));
-    // OK hides the dialog but keeps it.
-    QVERIFY(first);
-    QVERIFY(!first->isVisible());
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), 1);
-    QCOMPARE(length, 14ul);
-
-    // The next request destroys it first and starts from a wiped buffer.
-    ui->on_pin_dialog_show(1);
-    QVERIFY(first.isNull());
-    QPointer<PINDialog> second = ui->currentPinDialog();
-    QVERIFY(second);
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), -1);
-    QCOMPARE(length, 0ul);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(buffer), 14), QByteArray(14, '\0'));
-
-    // Cancel destroys it.
-    ui->SetPINStatus(0, nullptr, 0);
-    QVERIFY(second.isNull());
-    QVERIFY(ui->currentPinDialog() == nullptr);
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), 0);
-}
-
-void TestUIService::testKeepAliveTimerStopsListening()
-{
-    if (!QFile::exists(ServerLauncher::resourceVariantDir("keepalive2") + "/resources.rcc"))
-        QSKIP("test resource variant keepalive2 not built");
-    std::unique_ptr<UI_Service> ui = make(QStringLiteral("keepalive2"));
-    QVERIFY(ui && ui->service());
-    QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(socketName()), 10000);
-    QTimer *timer = ui->keepAliveTimer();
-    QVERIFY(timer);
-    // Listening started the timer (no session open).
-    QTRY_VERIFY_WITH_TIMEOUT(timer->isActive(), 5000);
-    // The tick stops listening directly; the accept loop ends within a second.
-    QTRY_VERIFY_WITH_TIMEOUT(!ServerLauncher::isListening(socketName()), 10000);
 }
 
 QTEST_MAIN(TestUIService)
