@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 
 #include <poll.h>
@@ -29,7 +28,6 @@ namespace {
 std::mutex logMutex;
 QStringList capturedLog;
 bool forwardToLogFile = false;
-bool echoLog = false;
 QString tokenSimIni;
 QString tokenSimJournal;
 
@@ -41,53 +39,35 @@ void captureHandler(QtMsgType type, const QMessageLogContext &context, const QSt
     }
     if (forwardToLogFile)
         printlogtofile(type, context, message);
-    if (echoLog)
-        fprintf(stderr, "LOG: %s\n", qPrintable(message));
 }
 
-bool lineMatches(const QString &line, const QString &text, bool exact)
-{
-    return exact ? line == text : line.contains(text);
-}
 
 } // namespace
 
-ServiceHarness::ServiceHarness() = default;
-
 ServiceHarness::~ServiceHarness()
 {
+    // A running thread must not be destroyed: end the run loudly instead.
     if (!stop(10000)) {
-        // A thread that cannot be stopped would be destroyed while running;
-        // end the test run loudly instead.
         fprintf(stderr, "ServiceHarness: service thread did not stop\n");
         abort();
     }
 }
 
-void ServiceHarness::installLogCapture(bool alsoLogFile)
+bool ServiceHarness::setUp(const QString &dir, const QString &tag, bool alsoLogFile)
 {
     forwardToLogFile = alsoLogFile;
-    echoLog = qEnvironmentVariableIsSet("ZRUI_TEST_ECHO_LOG");
     qInstallMessageHandler(captureHandler);
-}
-
-bool ServiceHarness::loadTokenLibrary()
-{
-    if (ZRK_IsDevPresent)
-        return true;
-    QByteArray dir = qgetenv("ZRUI_TOKENSIM_DIR");
-    if (dir.isEmpty())
-        return false;
-    return LoadLib_ZRKAPI(0, dir.data()) == 1;
-}
-
-bool ServiceHarness::useTokenSimConfig(const QString &dir)
-{
     tokenSimIni = QDir(dir).filePath(QStringLiteral("tokensim.ini"));
     tokenSimJournal = QDir(dir).filePath(QStringLiteral("journal.txt"));
     qputenv("ZRTOKENSIM_CONF", QFile::encodeName(tokenSimIni));
     qunsetenv("ZRTOKENSIM_JOURNAL");
-    return setTokenPresent(true);
+    QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
+    if (dir.isEmpty() || !setTokenPresent(true) || libDir.isEmpty()
+        || LoadLib_ZRKAPI(0, libDir.data()) != 1) {
+        qWarning("token stand-in not set up (ZRUI_TOKENSIM_DIR: %s)", libDir.constData());
+        return false;
+    }
+    return start(uniqueAppName(tag));
 }
 
 bool ServiceHarness::setTokenPresent(bool present)
@@ -95,25 +75,17 @@ bool ServiceHarness::setTokenPresent(bool present)
     QSaveFile file(tokenSimIni);
     if (!file.open(QIODevice::WriteOnly))
         return false;
-    file.write("[pin]\nmin=6\nmax=16\n[token]\npresent=");
-    file.write(present ? "1" : "0");
-    file.write("\n[journal]\npath=");
-    file.write(QFile::encodeName(tokenSimJournal));
-    file.write("\n");
+    file.write("[pin]\nmin=6\nmax=16\n[token]\npresent=" + QByteArray(present ? "1" : "0")
+               + "\n[journal]\npath=" + QFile::encodeName(tokenSimJournal) + "\n");
     return file.commit();
 }
-
-QString ServiceHarness::journalPath() { return tokenSimJournal; }
 
 QStringList ServiceHarness::journalLines()
 {
     QFile file(tokenSimJournal);
     if (!file.open(QIODevice::ReadOnly))
         return QStringList();
-    QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    if (!lines.isEmpty() && lines.last().isEmpty())
-        lines.removeLast();
-    return lines;
+    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 int ServiceHarness::logMark()
@@ -132,7 +104,7 @@ int ServiceHarness::countLog(const QString &text, int mark, bool exact)
 {
     int n = 0;
     for (const QString &line : logSince(mark))
-        n += lineMatches(line, text, exact) ? 1 : 0;
+        n += (exact ? line == text : line.contains(text)) ? 1 : 0;
     return n;
 }
 
@@ -140,23 +112,12 @@ bool ServiceHarness::waitForLog(const QString &text, int mark, int count, int ti
 {
     QElapsedTimer timer;
     timer.start();
-    for (;;) {
-        if (countLog(text, mark, exact) >= count)
-            return true;
+    while (countLog(text, mark, exact) < count) {
         if (timer.elapsed() > timeoutMs)
             return false;
         QTest::qWait(5);
     }
-}
-
-int ServiceHarness::findLog(const QString &text, int from, bool exact)
-{
-    const QStringList lines = logSince(0);
-    for (int i = qMax(0, from); i < lines.size(); ++i) {
-        if (lineMatches(lines.at(i), text, exact))
-            return i;
-    }
-    return -1;
+    return true;
 }
 
 QString ServiceHarness::uniqueAppName(const QString &tag)
@@ -181,7 +142,7 @@ bool ServiceHarness::isListening(const QString &abstractName)
     return false;
 }
 
-void ServiceHarness::launch(const QString &appName)
+bool ServiceHarness::start(const QString &appName, bool expectFailure)
 {
     name = appName;
     QCoreApplication::setApplicationName(appName);
@@ -207,30 +168,13 @@ void ServiceHarness::launch(const QString &appName)
     thread.start();
     running = true;
     QMetaObject::invokeMethod(service, "CreatePipeAndListen", Qt::QueuedConnection);
-}
 
-bool ServiceHarness::start(const QString &appName, int timeoutMs)
-{
-    launch(appName);
     QElapsedTimer timer;
     timer.start();
-    while (timer.elapsed() < timeoutMs) {
-        if (isListening(socketName()))
-            return true;
-        if (recorder->count(QStringLiteral("start_pipe_failed()")) > 0)
-            return false;
-        QTest::qWait(5);
-    }
-    return false;
-}
-
-bool ServiceHarness::startExpectingFailure(const QString &appName, int timeoutMs)
-{
-    launch(appName);
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < timeoutMs) {
-        if (recorder->count(QStringLiteral("start_pipe_failed()")) > 0)
+    while (timer.elapsed() < 5000) {
+        if (recorder->events().contains(QStringLiteral("start_pipe_failed()")))
+            return expectFailure;
+        if (!expectFailure && isListening(socketName()))
             return true;
         QTest::qWait(5);
     }
@@ -264,14 +208,12 @@ bool ServiceHarness::stop(int timeoutMs)
 
 QString ServiceHarness::socketName() const { return name + QString::number(getuid()); }
 
-TestClient::~TestClient() { close(); }
-
-int TestClient::open(const QString &serverName, int timeoutMs)
+int TestClient::open(const QString &serverName)
 {
     close();
     const int rc = zrui_open(serverName.toUtf8().constData(), &h);
     if (rc == ZRUI_OK)
-        zrui_set_timeout(h, timeoutMs);
+        zrui_set_timeout(h, 5000);
     return rc;
 }
 
@@ -280,8 +222,6 @@ void TestClient::close()
     zrui_close(h);
     h = nullptr;
 }
-
-int TestClient::fd() const { return zrui_fd(h); }
 
 int TestClient::request(quint32 op, const QByteArray &data, quint32 *resp, QByteArray *out)
 {
@@ -317,7 +257,7 @@ bool TestClient::readResponse(quint32 *resp, QByteArray *data, int timeoutMs)
 
 bool TestClient::waitReadable(int timeoutMs)
 {
-    pollfd p = {fd(), POLLIN, 0};
+    pollfd p = {zrui_fd(h), POLLIN, 0};
     QElapsedTimer timer;
     timer.start();
     for (;;) {
@@ -339,7 +279,7 @@ bool TestClient::waitClosed(int timeoutMs, QByteArray *extra)
         if (!waitReadable(remaining))
             return false;
         char buf[4096];
-        const ssize_t n = read(fd(), buf, sizeof buf);
+        const ssize_t n = read(zrui_fd(h), buf, sizeof buf);
         if (n == 0)
             return true;
         if (n < 0) {
@@ -355,13 +295,7 @@ bool TestClient::waitClosed(int timeoutMs, QByteArray *extra)
 
 QByteArray TestClient::packet(quint32 op, const QByteArray &data)
 {
-    return packet(op, quint32(data.size()), data);
-}
-
-QByteArray TestClient::packet(quint32 op, quint32 declaredLength, const QByteArray &data)
-{
-    QByteArray p(8, '\0');
-    memcpy(p.data(), &op, 4);
-    memcpy(p.data() + 4, &declaredLength, 4);
-    return p + data;
+    const quint32 len = quint32(data.size());
+    return QByteArray(reinterpret_cast<const char *>(&op), 4)
+           + QByteArray(reinterpret_cast<const char *>(&len), 4) + data;
 }

@@ -18,37 +18,28 @@ class SignalRecorder;
  * Runs the real FIFO_Service in a QThread of its own, as the coordinator
  * does, with FakeUiStatus behind dynamic_cast<UiStatusHandler*> and the
  * stand-in token libraries bound through the real loader. Clients talk to
- * it over the real abstract socket.
- *
- * The log is captured in memory (process-wide message handler), so tests
- * can wait for exact lines without the shared log file.
+ * it over the real abstract socket. The log is captured in memory
+ * (process-wide message handler), so tests can wait for exact lines.
  */
 class ServiceHarness
 {
 public:
     static constexpr int NoAutoAnswer = INT_MIN;
 
-    ServiceHarness();
+    ServiceHarness() = default;
     ~ServiceHarness();
     ServiceHarness(const ServiceHarness &) = delete;
     ServiceHarness &operator=(const ServiceHarness &) = delete;
 
-    // --- process-wide set-up ---
-
-    // Installs the capturing message handler; with alsoLogFile every line
-    // also goes through the program's own log sink (/tmp/uilog.txt).
-    static void installLogCapture(bool alsoLogFile = false);
-    // Binds the stand-in device library through LoadLib_ZRKAPI (once).
-    static bool loadTokenLibrary();
-    // Points the stand-in at a private tokensim.ini (ZRTOKENSIM_CONF) with a
-    // journal beside it; call once before any service starts.
-    static bool useTokenSimConfig(const QString &dir);
+    // Once per test: installs the log capture (with alsoLogFile every line
+    // also goes through the program's own sink, /tmp/uilog.txt), points the
+    // stand-in at a private tokensim.ini (ZRTOKENSIM_CONF) in dir with a
+    // journal beside it, binds it through LoadLib_ZRKAPI and starts this
+    // service under a unique name.
+    bool setUp(const QString &dir, const QString &tag, bool alsoLogFile = false);
     // Rewrites that file atomically (the stand-in re-reads it on every call).
     static bool setTokenPresent(bool present);
-    static QString journalPath();
     static QStringList journalLines();
-
-    // --- captured log ---
 
     static int logMark(); // number of lines so far
     static QStringList logSince(int mark);
@@ -56,23 +47,16 @@ public:
     static int countLog(const QString &text, int mark = 0, bool exact = false);
     static bool waitForLog(const QString &text, int mark = 0, int count = 1, int timeoutMs = 5000,
                            bool exact = false);
-    // Index (absolute) of the first line at or after from that equals/contains text, or -1.
-    static int findLog(const QString &text, int from = 0, bool exact = false);
-
-    // --- helpers ---
 
     static QString uniqueAppName(const QString &tag);
     // True when an abstract stream socket of that name listens (/proc/net/unix).
     static bool isListening(const QString &abstractName);
 
-    // --- this service ---
-
     // Sets the application name, starts the thread and the accept loop and
-    // waits until the socket listens (true) or start_pipe_failed() (false).
-    bool start(const QString &appName, int timeoutMs = 5000);
-    // The same, for a start that must fail: true once start_pipe_failed()
-    // arrived (the name may well be listening, through another service).
-    bool startExpectingFailure(const QString &appName, int timeoutMs = 5000);
+    // waits until the socket listens or start_pipe_failed() arrives; true
+    // when the outcome is the expected one (the name of a start expected to
+    // fail may well be listening, through another service).
+    bool start(const QString &appName, bool expectFailure = false);
     // StopPipeListening() and waits for the thread to end. False on time-out.
     bool stop(int timeoutMs = 5000);
     QString socketName() const;
@@ -87,8 +71,6 @@ public:
     std::atomic<int> autoMsgAnswer{NoAutoAnswer};
 
 private:
-    void launch(const QString &appName);
-
     QString name;
     bool running = false;
     std::atomic<bool> threadDone{false};
@@ -96,25 +78,24 @@ private:
 
 /**
  * One client connection for tests, on top of the client library. Every read
- * has a deadline (SO_RCVTIMEO), so no test can hang on a missing response.
+ * has a deadline, so no test can hang on a missing response.
  */
 class TestClient
 {
 public:
     TestClient() = default;
-    ~TestClient();
+    ~TestClient() { close(); }
     TestClient(const TestClient &) = delete;
     TestClient &operator=(const TestClient &) = delete;
 
-    int open(const QString &serverName, int timeoutMs = 5000);
+    int open(const QString &serverName);
     void close();
     zrui_conn *handle() const { return h; }
-    int fd() const;
 
     // One request/response through zrui_request; data of the response in out.
     int request(quint32 op, const QByteArray &data, quint32 *resp, QByteArray *out = nullptr);
     bool sendRaw(const QByteArray &bytes);
-    // Reads one response header (+ its data) with a deadline.
+    // Reads one response header (+ its data, into data when given).
     bool readResponse(quint32 *resp, QByteArray *data, int timeoutMs = 5000);
     // True when the server has closed the connection within the deadline.
     // Bytes that arrive first are returned in extra.
@@ -122,8 +103,8 @@ public:
     // True when at least one byte is waiting within the deadline.
     bool waitReadable(int timeoutMs);
 
+    // Header (datalen = data's size) and data.
     static QByteArray packet(quint32 op, const QByteArray &data = QByteArray());
-    static QByteArray packet(quint32 op, quint32 declaredLength, const QByteArray &data);
 
 private:
     zrui_conn *h = nullptr;

@@ -1,7 +1,6 @@
 // The request service inside the real executable (ServerLauncher sandbox,
 // stand-in token stack): one instance per user name, the keep-alive exit of
-// an idle process, a session that keeps it alive, and a request answered by
-// the real coordinator.
+// an idle process and a session that keeps it alive.
 #include "LogFile.h"
 #include "ServerLauncher.h"
 #include "client/zrui_client.h"
@@ -10,19 +9,33 @@
 #include <QProcess>
 #include <QtTest>
 
+namespace {
+
+// A client of the server with a session begun; nullptr on failure.
+zrui_conn *beginSession(const ServerLauncher &server)
+{
+    zrui_conn *h = nullptr;
+    if (zrui_open(server.appName().toUtf8().constData(), &h) != ZRUI_OK)
+        return nullptr;
+    if (zrui_set_timeout(h, 10000) != ZRUI_OK || zrui_begin_session(h, 1) != ZRUI_OK) {
+        zrui_close(h);
+        return nullptr;
+    }
+    return h;
+}
+
+} // namespace
+
 class TestServiceProcess : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void init();
+    void init() { QVERIFY(LogFile::clear()); }
     void testSecondInstanceExitsQuietly();
     void testIdleProcessExitsAfterKeepAlive();
     void testOpenSessionKeepsProcessAlive();
-    void testCoordinatorAnswersListTypeOne();
 };
-
-void TestServiceProcess::init() { QVERIFY(LogFile::clear()); }
 
 void TestServiceProcess::testSecondInstanceExitsQuietly()
 {
@@ -43,18 +56,16 @@ void TestServiceProcess::testSecondInstanceExitsQuietly()
     QVERIFY2(second.waitForFinished(15000), "second instance did not exit");
     QCOMPARE(second.exitStatus(), QProcess::NormalExit);
     QCOMPARE(second.exitCode(), 0);
-    QVERIFY(LogFile::waitForLine(QStringLiteral("call on_start_pipe_failed(), service will exit")));
+    const QString exitLine = QStringLiteral("call on_start_pipe_failed(), service will exit");
+    QVERIFY(LogFile::waitForLine(exitLine));
     QCOMPARE(LogFile::countExact(QStringLiteral("bind() failed")), 1);
-    QCOMPARE(LogFile::countExact(QStringLiteral("call on_start_pipe_failed(), service will exit")),
-             1);
+    QCOMPARE(LogFile::countExact(exitLine), 1);
 
     // The first one serves on.
     QVERIFY(first.isRunning());
     QVERIFY(ServerLauncher::isListening(first.socketName()));
-    zrui_conn *h = nullptr;
-    QCOMPARE(zrui_open(first.appName().toUtf8().constData(), &h), int(ZRUI_OK));
-    QCOMPARE(zrui_set_timeout(h, 10000), int(ZRUI_OK));
-    QCOMPARE(zrui_begin_session(h, 1), int(ZRUI_OK));
+    zrui_conn *h = beginSession(first);
+    QVERIFY(h);
     QCOMPARE(zrui_end_session(h), int(ZRUI_OK));
     zrui_close(h);
     first.stop();
@@ -74,11 +85,11 @@ void TestServiceProcess::testIdleProcessExitsAfterKeepAlive()
     QVERIFY2(sinceStart.elapsed() >= 1900, qPrintable(QString::number(sinceStart.elapsed())));
     QCOMPARE(server.exitStatus(), QProcess::NormalExit);
     QCOMPARE(server.exitCode(), 0);
-    QVERIFY(LogFile::waitForLine(QStringLiteral("Pipe Listening Exited, Exit Application")));
+    const QString exited = QStringLiteral("Pipe Listening Exited, Exit Application");
+    QVERIFY(LogFile::waitForLine(exited));
     const QStringList messages = LogFile::messages();
     const int stop = messages.indexOf(QStringLiteral("StopPipeListening"));
-    QVERIFY(stop >= 0);
-    QVERIFY(stop < messages.indexOf(QStringLiteral("Pipe Listening Exited, Exit Application")));
+    QVERIFY(stop >= 0 && stop < messages.indexOf(exited));
 }
 
 void TestServiceProcess::testOpenSessionKeepsProcessAlive()
@@ -87,10 +98,8 @@ void TestServiceProcess::testOpenSessionKeepsProcessAlive()
     server.useResourceVariant(QStringLiteral("keepalive2"));
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     QVERIFY(server.waitForListening());
-    zrui_conn *h = nullptr;
-    QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &h), int(ZRUI_OK));
-    QCOMPARE(zrui_set_timeout(h, 10000), int(ZRUI_OK));
-    QCOMPARE(zrui_begin_session(h, 1), int(ZRUI_OK));
+    zrui_conn *h = beginSession(server);
+    QVERIFY(h);
 
     // Over twice the keep-alive time with the session open. Had the timer
     // fired meanwhile, the accept loop would already be told to stop and the
@@ -108,26 +117,6 @@ void TestServiceProcess::testOpenSessionKeepsProcessAlive()
     QVERIFY2(server.waitForExit(10000), "process did not exit after the session");
     QVERIFY2(sinceEnd.elapsed() >= 1900, qPrintable(QString::number(sinceEnd.elapsed())));
     QCOMPARE(server.exitCode(), 0);
-}
-
-void TestServiceProcess::testCoordinatorAnswersListTypeOne()
-{
-    // List type 1 is answered by the coordinator without a window: index -1.
-    ServerLauncher server;
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QVERIFY(server.waitForListening());
-    zrui_conn *h = nullptr;
-    QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &h), int(ZRUI_OK));
-    QCOMPARE(zrui_set_timeout(h, 10000), int(ZRUI_OK));
-    QCOMPARE(zrui_begin_session(h, 1), int(ZRUI_OK));
-    QCOMPARE(zrui_list_show(h, 1, "c1|c2"), int(ZRUI_OK));
-    int32_t index = 99;
-    QCOMPARE(zrui_list_wait(h, 10000, 20, &index), int(ZRUI_OK));
-    QCOMPARE(index, -1);
-    QCOMPARE(zrui_end_session(h), int(ZRUI_OK));
-    zrui_close(h);
-    QVERIFY(LogFile::waitForLine(QStringLiteral("SendBuff: Send \"0000000004000000ffffffff\"")));
-    server.stop();
 }
 
 QTEST_GUILESS_MAIN(TestServiceProcess)

@@ -6,7 +6,7 @@
 #include "SignalRecorder.h"
 #include "service/Protocol.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -60,7 +60,7 @@ class TestServiceSecurity : public QObject
 
 private slots:
     void initTestCase();
-    void cleanupTestCase();
+    void cleanupTestCase() { QVERIFY(harness.stop()); }
     void testPinResultRedactedInLog();
     void testForeignPeerClosedBeforeRead();
 
@@ -71,18 +71,11 @@ private:
 
 void TestServiceSecurity::initTestCase()
 {
-    // Every line also goes through the program's own sink into the shared
-    // log file: the test takes the "uilog" lock.
-    ServiceHarness::installLogCapture(true);
+    // Lines also go to the shared log file: the test takes the "uilog" lock.
     QVERIFY(tempDir.isValid());
-    QVERIFY(ServiceHarness::useTokenSimConfig(tempDir.path()));
-    QVERIFY2(ServiceHarness::loadTokenLibrary(),
-             "LoadLib_ZRKAPI failed on ZRUI_TOKENSIM_DIR (stand-in libraries not built?)");
     QVERIFY(LogFile::clear());
-    QVERIFY(harness.start(ServiceHarness::uniqueAppName(QStringLiteral("sec"))));
+    QVERIFY(harness.setUp(tempDir.path(), QStringLiteral("sec"), true));
 }
-
-void TestServiceSecurity::cleanupTestCase() { QVERIFY(harness.stop()); }
 
 void TestServiceSecurity::testPinResultRedactedInLog()
 {
@@ -109,25 +102,19 @@ void TestServiceSecurity::testPinResultRedactedInLog()
     QCOMPARE(zrui_end_session(client.handle()), ZRUI_OK);
     client.close();
 
-    const QString header = QStringLiteral("0000000016000000"); // UI_OK, 22 bytes
+    // UI_OK, 22 bytes.
     const QString redacted
-            = QStringLiteral("SendBuff: Send \"%1\" <22 bytes redacted>").arg(header);
+            = QStringLiteral("SendBuff: Send \"0000000016000000\" <22 bytes redacted>");
     QVERIFY(LogFile::waitForCount(QStringLiteral("SendBuff: Sended writelen= 30"), 2));
     QCOMPARE(LogFile::countExact(redacted), 2);
     QCOMPARE(ServiceHarness::countLog(redacted, 0, true), 2);
 
     // Neither the file nor the captured lines hold the PINs, in hex or clear.
-    const QStringList secrets
-            = {QString::fromLatin1(oldPin.toHex()), QString::fromLatin1(newPin.toHex()),
-               QString::fromLatin1(oldPin), QString::fromLatin1(newPin)};
     const QStringList fileLines = LogFile::messages();
-    const QStringList captured = ServiceHarness::logSince(0);
     QVERIFY(!fileLines.isEmpty());
-    for (const QString &secret : secrets) {
-        for (const QString &line : fileLines)
-            QVERIFY2(!line.contains(secret), qPrintable(line));
-        for (const QString &line : captured)
-            QVERIFY2(!line.contains(secret), qPrintable(line));
+    for (const QByteArray &secret : {oldPin.toHex(), newPin.toHex(), oldPin, newPin}) {
+        for (const QString &line : fileLines + ServiceHarness::logSince(0))
+            QVERIFY2(!line.contains(QString::fromLatin1(secret)), qPrintable(line));
     }
     // Responses without a PIN keep their full dump.
     QVERIFY(LogFile::countExact(QStringLiteral("SendBuff: Send \"0000000000000000\"")) >= 4);
@@ -149,15 +136,15 @@ void TestServiceSecurity::testForeignPeerClosedBeforeRead()
     // Let any earlier connection end completely: its signals are recorded
     // before the loop waits in accept again.
     const QString cleanEnv = QStringLiteral("Clean env, handle :");
+    const QString callAccept = QStringLiteral("CreatePipeAndListen: call accept...");
     QTRY_COMPARE(ServiceHarness::countLog(cleanEnv),
                  ServiceHarness::countLog(QStringLiteral("accepted: client_addr=")));
     int lastClean = -1;
-    for (int i = ServiceHarness::findLog(cleanEnv); i >= 0;
-         i = ServiceHarness::findLog(cleanEnv, i + 1))
-        lastClean = i;
+    const QStringList before = ServiceHarness::logSince(0);
+    for (int i = 0; i < before.size(); ++i)
+        lastClean = before.at(i).contains(cleanEnv) ? i : lastClean;
     if (lastClean >= 0)
-        QVERIFY(ServiceHarness::waitForLog(QStringLiteral("CreatePipeAndListen: call accept..."),
-                                           lastClean, 1, 5000, true));
+        QVERIFY(ServiceHarness::waitForLog(callAccept, lastClean, 1, 5000, true));
     const int recMark = harness.recorder->size();
     const int journalSize = ServiceHarness::journalLines().size();
     const int mark = ServiceHarness::logMark();
@@ -168,10 +155,9 @@ void TestServiceSecurity::testForeignPeerClosedBeforeRead()
         foreignPeer(addr, addrLen, request.constData(), size_t(request.size()));
 
     int status = 0;
-    QElapsedTimer timer;
-    timer.start();
     pid_t done = 0;
-    while ((done = waitpid(child, &status, WNOHANG)) == 0 && timer.elapsed() < 15000)
+    const QDeadlineTimer deadline(15000);
+    while ((done = waitpid(child, &status, WNOHANG)) == 0 && !deadline.hasExpired())
         QTest::qWait(10);
     if (done == 0) {
         kill(child, SIGKILL);
@@ -184,17 +170,15 @@ void TestServiceSecurity::testForeignPeerClosedBeforeRead()
     const QString rejected
             = QStringLiteral("rejected peer uid=65534 pid=%1: not this user").arg(child);
     QVERIFY(ServiceHarness::waitForLog(rejected, mark, 1, 5000, true));
-    QVERIFY(ServiceHarness::waitForLog(QStringLiteral("CreatePipeAndListen: call accept..."),
-                                       ServiceHarness::findLog(rejected, mark, true), 1, 5000,
-                                       true));
+    const int at = ServiceHarness::logSince(mark).indexOf(rejected);
+    QVERIFY(ServiceHarness::waitForLog(callAccept, mark + at, 1, 5000, true));
     const QStringList lines = ServiceHarness::logSince(mark);
-    const int at = lines.indexOf(rejected);
     QVERIFY(lines.value(at - 1).startsWith(QStringLiteral("accepted: client_addr=")));
-    QCOMPARE(lines.value(at + 1), QStringLiteral("CreatePipeAndListen: call accept..."));
-    for (const QString &line : lines) {
-        QVERIFY2(!line.startsWith(QStringLiteral("RecvBuff")), qPrintable(line));
-        QVERIFY2(!line.startsWith(QStringLiteral("RecvPack")), qPrintable(line));
-    }
+    QCOMPARE(lines.value(at + 1), callAccept);
+    for (const QString &line : lines)
+        QVERIFY2(!line.startsWith(QStringLiteral("RecvBuff"))
+                         && !line.startsWith(QStringLiteral("RecvPack")),
+                 qPrintable(line));
 
     // The loop goes on and serves this user; the rejected peer left no trace
     // in the session (no device call, no signal).

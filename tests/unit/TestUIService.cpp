@@ -194,8 +194,8 @@ void TestUIService::testConfiguration_data()
                                 << QString();
     QTest::newRow("defaultpin") << "defaultpin" << int(PINDialog::FullKeyBoard) << true << 0
                                 << "123456";
-    QTest::newRow("FULL, keep-alive 0") << "upperfull" << int(PINDialog::FullKeyBoard) << true << 0
-                                        << QString();
+    QTest::newRow("FULL, keep-alive 0")
+            << "upperfull" << int(PINDialog::FullKeyBoard) << true << 0 << QString();
     QTest::newRow("simple,HIDE, keep-alive 30")
             << "simplehide" << int(PINDialog::SimpleKeyBoard) << false << 30000 << QString();
 }
