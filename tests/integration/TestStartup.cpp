@@ -1,5 +1,4 @@
 #include "LogFile.h"
-#include "RawSocketClient.h"
 #include "ServerLauncher.h"
 
 #include <QFile>
@@ -22,23 +21,31 @@ const QStringList failTexts{
 bool flipByte(const QString &path, qint64 offset)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadWrite))
-        return false;
-    QByteArray bytes = file.readAll();
-    if (offset >= bytes.size())
-        return false;
-    bytes[int(offset)] = char(bytes.at(int(offset)) ^ 0x01);
-    file.seek(0);
-    return file.write(bytes) == bytes.size();
+    char c = 0;
+    return file.open(QIODevice::ReadWrite) && file.seek(offset) && file.getChar(&c)
+           && file.seek(offset) && file.putChar(char(c ^ 0x01));
+}
+
+QString tokenSimDirNoSlash()
+{
+    QString dir = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
+    dir.chop(1);
+    return dir;
+}
+
+// A sandbox with good copies of the resources in the working directory too.
+bool prepareWithWorkResources(ServerLauncher &server)
+{
+    return server.prepare()
+           && server.copyFile(server.binDir() + "/resources.rcc", "work/resources.rcc")
+           && server.copyFile(server.binDir() + "/integrityprotect.ini",
+                              "work/integrityprotect.ini");
 }
 
 } // namespace
 
-/*
- * The real ZRUIServer started in a sandbox: every start-up failure ends the
- * process with exit status 0 and exactly one warning line, no later step
- * runs; a good start reaches listening.
- */
+// Every start-up failure of the real executable: exit status 0, exactly one
+// warning line, no later step; a good start reaches listening.
 class TestStartup : public QObject
 {
     Q_OBJECT
@@ -50,10 +57,6 @@ private slots:
     void testValidStartListens();
     void testWorkingDirectoryConfigWins();
     void testWorkingDirectoryResourceIsChecked();
-
-private:
-    // Runs a prepared launcher to its end and checks the one warning line.
-    void expectFailExit(ServerLauncher &server, const QString &warning, const QString &absentLine);
 };
 
 void TestStartup::initTestCase()
@@ -64,8 +67,9 @@ void TestStartup::initTestCase()
 
 void TestStartup::init() { QVERIFY(LogFile::clear()); }
 
-void TestStartup::expectFailExit(ServerLauncher &server, const QString &warning,
-                                 const QString &absentLine)
+// Runs a prepared launcher to its end and checks the one warning line.
+static void expectFailExit(ServerLauncher &server, const QString &warning,
+                           const QString &absentLine)
 {
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     QVERIFY2(server.waitForExit(20000), "the process did not end by itself");
@@ -74,8 +78,7 @@ void TestStartup::expectFailExit(ServerLauncher &server, const QString &warning,
     QVERIFY2(server.exitCode() == 0, output.constData());
 
     const QStringList messages = LogFile::messages();
-    QVERIFY2(!messages.isEmpty(), "nothing logged");
-    QCOMPARE(LogFile::countExact(warning), 1);
+    QCOMPARE(messages.count(warning), 1);
     for (const QString &other : failTexts) {
         if (other != warning)
             QVERIFY2(!messages.contains(other), qPrintable(other));
@@ -124,9 +127,7 @@ void TestStartup::testFailures()
     if (scenario == "noconfig") {
         server.setConfigPlacement(ServerLauncher::ConfigNowhere);
     } else if (scenario == "noslash") {
-        QString dir = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
-        dir.chop(1);
-        server.setSafePath(dir);
+        server.setSafePath(tokenSimDirNoSlash());
     } else if (scenario == "nolastalg") {
         server.setSafePath(ServerLauncher::buildDir() + "/tokenlib-variants/no-last-alg/");
     } else if (scenario == "auxfail") {
@@ -162,29 +163,18 @@ void TestStartup::testValidStartListens()
     QVERIFY(messages.contains(QStringLiteral("locale= \"C\"")));
     QCOMPARE(LogFile::countExact(QStringLiteral("trans file= \":/uiserver.C.qm\"")), 1);
     QCOMPARE(LogFile::countExact(QStringLiteral("trans file= \":/uiserver.en.qm\"")), 1);
-
-    // The raw client reaches the same abstract name; the server sees it.
-    QVERIFY(server.waitForListening(5000, ServerLauncher::ProbeConnect));
-    RawSocketClient client;
-    QVERIFY(client.connectAbstract(server.socketName(), 5000));
-    QVERIFY(LogFile::waitForCount(QStringLiteral("accepted: client_addr="), 2));
-    RawSocketClient stranger;
-    QVERIFY(!stranger.connectAbstract(server.socketName() + "x"));
-
     server.stop();
     QVERIFY(!server.isRunning());
-    QVERIFY(client.waitForPeerClose(5000));
 }
 
 void TestStartup::testWorkingDirectoryConfigWins()
 {
     ServerLauncher server;
     QVERIFY2(server.prepare(), qPrintable(server.errorString()));
-    // Beside the executable a good configuration, in the working directory
-    // one whose library directory cannot load: the working directory wins.
-    QString dir = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
-    dir.chop(1);
-    QVERIFY(server.writeFile("work/ZRUIConf.ini", "SAFEPATH=" + dir.toUtf8() + "\n"));
+    // A good configuration beside the executable, a failing one in the
+    // working directory: the working directory wins.
+    QVERIFY(server.writeFile("work/ZRUIConf.ini",
+                             "SAFEPATH=" + tokenSimDirNoSlash().toUtf8() + "\n"));
     expectFailExit(server, QStringLiteral("LoadLib_ZRKAPI failed, exit"), QString());
     const QString workDir = QFileInfo(server.workDir()).canonicalFilePath();
     QVERIFY(LogFile::messages().contains(
@@ -194,14 +184,11 @@ void TestStartup::testWorkingDirectoryConfigWins()
 
 void TestStartup::testWorkingDirectoryResourceIsChecked()
 {
-    // A changed copy in the working directory fails although the copy beside
-    // the executable is good.
+    // A changed copy in the working directory fails, a good one passes,
+    // whatever the copy beside the executable (the registered one) is.
     {
         ServerLauncher server;
-        QVERIFY2(server.prepare(), qPrintable(server.errorString()));
-        QVERIFY(server.copyFile(server.binDir() + "/resources.rcc", "work/resources.rcc"));
-        QVERIFY(server.copyFile(server.binDir() + "/integrityprotect.ini",
-                                "work/integrityprotect.ini"));
+        QVERIFY2(prepareWithWorkResources(server), qPrintable(server.errorString()));
         QVERIFY(flipByte(server.workDir() + "/resources.rcc", 10));
         expectFailExit(server, QStringLiteral("Integrity Protect Failed!"), QString());
         const QString workDir = QFileInfo(server.workDir()).canonicalFilePath();
@@ -209,14 +196,9 @@ void TestStartup::testWorkingDirectoryResourceIsChecked()
                 QStringLiteral("resources.rcc: \"%1/\"").arg(workDir)));
     }
     QVERIFY(LogFile::clear());
-    // A good copy in the working directory passes although the one beside the
-    // executable (the registered one) is changed.
     {
         ServerLauncher server;
-        QVERIFY2(server.prepare(), qPrintable(server.errorString()));
-        QVERIFY(server.copyFile(server.binDir() + "/resources.rcc", "work/resources.rcc"));
-        QVERIFY(server.copyFile(server.binDir() + "/integrityprotect.ini",
-                                "work/integrityprotect.ini"));
+        QVERIFY2(prepareWithWorkResources(server), qPrintable(server.errorString()));
         const QString besideExe = server.binDir() + "/resources.rcc";
         QVERIFY(flipByte(besideExe, QFileInfo(besideExe).size() - 1));
         QVERIFY2(server.start(), qPrintable(server.errorString()));

@@ -7,24 +7,16 @@
 
 QString LogFile::path() { return QStringLiteral("/tmp/uilog.txt"); }
 
-bool LogFile::clear()
-{
-    if (!QFile::exists(path()))
-        return true;
-    return QFile::remove(path());
-}
+bool LogFile::clear() { return !QFile::exists(path()) || QFile::remove(path()); }
 
 QStringList LogFile::lines()
 {
     QFile file(path());
     if (!file.open(QIODevice::ReadOnly))
         return QStringList();
-    QStringList result;
-    const QList<QByteArray> raw = file.readAll().split('\n');
-    for (const QByteArray &line : raw)
-        result << QString::fromUtf8(line);
+    QStringList result = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
     // split() leaves an empty element after the final line feed.
-    if (!result.isEmpty() && result.last().isEmpty())
+    if (result.last().isEmpty())
         result.removeLast();
     return result;
 }
@@ -48,32 +40,19 @@ QStringList LogFile::messages()
 
 int LogFile::countExact(const QString &text) { return messages().count(text); }
 
-bool LogFile::contains(const QString &text)
-{
-    for (const QString &message : messages()) {
-        if (message.contains(text))
-            return true;
-    }
-    return false;
-}
+bool LogFile::contains(const QString &text) { return !messages().filter(text).isEmpty(); }
 
 bool LogFile::waitForCount(const QString &text, int count, int timeoutMs)
 {
     QElapsedTimer timer;
     timer.start();
-    for (;;) {
-        int found = 0;
-        for (const QString &message : messages()) {
-            if (message.contains(text))
-                ++found;
-        }
-        if (found >= count)
-            return true;
+    while (messages().filter(text).size() < count) {
         if (timer.elapsed() >= timeoutMs)
             return false;
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
         QThread::msleep(20);
     }
+    return true;
 }
 
 bool LogFile::waitForLine(const QString &text, int timeoutMs)

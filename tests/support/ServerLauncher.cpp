@@ -1,5 +1,4 @@
 #include "ServerLauncher.h"
-#include "RawSocketClient.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -16,17 +15,7 @@ namespace {
 
 std::atomic<int> launcherCounter{0};
 
-QString envDir(const char *name)
-{
-    return QProcessEnvironment::systemEnvironment().value(QString::fromLatin1(name));
-}
-
-// Keeps the event loop of the test responsive while polling.
-void pollPause()
-{
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-    QThread::msleep(20);
-}
+QString envDir(const char *name) { return qEnvironmentVariable(name); }
 
 } // namespace
 
@@ -47,12 +36,6 @@ ServerLauncher::~ServerLauncher()
 
 void ServerLauncher::setSafePath(const QString &dir) { safePath = dir; }
 
-void ServerLauncher::setConfigText(const QByteArray &text)
-{
-    configText = text;
-    customConfig = true;
-}
-
 void ServerLauncher::setConfigPlacement(ConfigPlacement p) { placement = p; }
 
 void ServerLauncher::useResourceVariant(const QString &v) { variant = v; }
@@ -65,16 +48,12 @@ void ServerLauncher::setTokenSimIni(const QByteArray &text)
     tokenSimIni = true;
 }
 
-void ServerLauncher::enableJournal() { journal = true; }
-
 void ServerLauncher::setPlatform(const QString &p) { platform = p; }
 
 void ServerLauncher::setEnv(const QString &envName, const QString &value)
 {
     extraEnv.insert(envName, value);
 }
-
-void ServerLauncher::setArguments(const QStringList &args) { arguments = args; }
 
 QString ServerLauncher::buildDir()
 {
@@ -101,16 +80,6 @@ QString ServerLauncher::appName() const { return name; }
 
 QString ServerLauncher::socketName() const { return name + QString::number(getuid()); }
 
-QString ServerLauncher::tokenSimIniPath() const
-{
-    return tokenSimIni ? rootDir() + QStringLiteral("/tokensim.ini") : QString();
-}
-
-QString ServerLauncher::journalPath() const
-{
-    return journal ? rootDir() + QStringLiteral("/journal.txt") : QString();
-}
-
 bool ServerLauncher::fail(const QString &message)
 {
     error = message;
@@ -124,10 +93,8 @@ bool ServerLauncher::writeFile(const QString &relativePath, const QByteArray &co
     const QString path = rootDir() + QLatin1Char('/') + relativePath;
     QDir().mkpath(QFileInfo(path).absolutePath());
     QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
         return fail(QStringLiteral("cannot write ") + path);
-    if (file.write(content) != content.size())
-        return fail(QStringLiteral("short write to ") + path);
     return true;
 }
 
@@ -169,23 +136,16 @@ bool ServerLauncher::prepare()
     if (copyResources) {
         const QString resourceSource = variant.isEmpty() ? binSource : resourceVariantDir(variant);
         for (const char *file : {"resources.rcc", "integrityprotect.ini"}) {
-            const QString source = resourceSource + QLatin1Char('/') + QLatin1String(file);
-            if (!QFileInfo::exists(source))
-                return fail(QStringLiteral("missing ") + source);
-            if (!copyFile(source, QStringLiteral("bin/") + QLatin1String(file)))
+            if (!copyFile(resourceSource + QLatin1Char('/') + QLatin1String(file),
+                          QStringLiteral("bin/") + QLatin1String(file)))
                 return false;
         }
     }
 
-    const QByteArray config
-            = customConfig ? configText : QByteArray("SAFEPATH=") + safePath.toUtf8() + '\n';
-    if (placement == ConfigBesideExecutable
-        && !writeFile(QStringLiteral("bin/ZRUIConf.ini"), config))
+    const QString config
+            = placement == ConfigBesideExecutable ? "bin/ZRUIConf.ini" : "work/ZRUIConf.ini";
+    if (placement != ConfigNowhere && !writeFile(config, "SAFEPATH=" + safePath.toUtf8() + '\n'))
         return false;
-    if (placement == ConfigInWorkingDirectory
-        && !writeFile(QStringLiteral("work/ZRUIConf.ini"), config))
-        return false;
-
     if (tokenSimIni && !writeFile(QStringLiteral("tokensim.ini"), tokenSimText))
         return false;
 
@@ -201,9 +161,7 @@ bool ServerLauncher::start()
     if (!platform.isEmpty())
         env.insert(QStringLiteral("QT_QPA_PLATFORM"), platform);
     if (tokenSimIni)
-        env.insert(QStringLiteral("ZRTOKENSIM_CONF"), tokenSimIniPath());
-    if (journal)
-        env.insert(QStringLiteral("ZRTOKENSIM_JOURNAL"), journalPath());
+        env.insert(QStringLiteral("ZRTOKENSIM_CONF"), rootDir() + QStringLiteral("/tokensim.ini"));
 #ifdef ZRUI_LSAN_SUPPRESSIONS
     // Sanitizer builds: Qt's own leaks at exit would turn every exit code into 1.
     if (!env.contains(QStringLiteral("LSAN_OPTIONS")))
@@ -215,7 +173,6 @@ bool ServerLauncher::start()
     proc.setProcessEnvironment(env);
     proc.setWorkingDirectory(workDir());
     proc.setProgram(executablePath());
-    proc.setArguments(arguments);
     proc.start();
     if (!proc.waitForStarted(10000))
         return fail(QStringLiteral("cannot start: ") + proc.errorString());
@@ -243,24 +200,17 @@ bool ServerLauncher::isListening(const QString &abstractName)
     return false;
 }
 
-bool ServerLauncher::waitForListening(int timeoutMs, ListenProbe probe)
+bool ServerLauncher::waitForListening(int timeoutMs)
 {
     QElapsedTimer timer;
     timer.start();
     do {
-        if (probe == ProbeProcNetUnix) {
-            if (isListening(socketName()))
-                return true;
-        } else {
-            const int fd = RawSocketClient::connectAbstractFd(socketName());
-            if (fd >= 0) {
-                ::close(fd);
-                return true;
-            }
-        }
+        if (isListening(socketName()))
+            return true;
         if (proc.state() == QProcess::NotRunning)
             return fail(QStringLiteral("process ended before listening"));
-        pollPause();
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10); // stay responsive
+        QThread::msleep(20);
     } while (timer.elapsed() < timeoutMs);
     return fail(QStringLiteral("not listening after %1 ms").arg(timeoutMs));
 }

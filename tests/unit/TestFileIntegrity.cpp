@@ -3,16 +3,11 @@
 
 #include <QDir>
 #include <QFile>
-#include <QProcessEnvironment>
 #include <QTemporaryDir>
 #include <QtTest>
 
-/*
- * Hex conversion, whole-file reads and the resource signature check, run
- * with the signing artefacts of this build (bin/resources.rcc and its
- * integrityprotect.ini, signed with the key compiled into the program) and
- * the stand-in algorithm library bound through the real loader.
- */
+// Hex conversion, file reads and the signature check, with this build's
+// signed bin/resources.rcc and the stand-in algorithm library.
 class TestFileIntegrity : public QObject
 {
     Q_OBJECT
@@ -20,7 +15,6 @@ private slots:
     void initTestCase();
     void testStringToBin_data();
     void testStringToBin();
-    void testStringToBinNullArguments();
     void testReadFileContent();
     void testVerify_data();
     void testVerify();
@@ -29,32 +23,37 @@ private slots:
     void testNullArguments();
 
 private:
-    QByteArray iniWith(const QByteArray &key, const QByteArray &value,
-                       const QByteArray &eol = "\n");
-    bool writeFile(const QString &path, const QByteArray &content);
-
     QByteArray rcc;
     QByteArray signatureHex;
     QTemporaryDir tmp;
 };
 
-static QByteArray env(const char *name)
-{
-    return QProcessEnvironment::systemEnvironment().value(QLatin1String(name)).toLocal8Bit();
-}
+namespace {
 
-bool TestFileIntegrity::writeFile(const QString &path, const QByteArray &content)
+QByteArray env(const char *name) { return qgetenv(name); }
+
+bool writeFile(const QString &path, const QByteArray &content)
 {
     QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
-           && file.write(content) == content.size();
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
 }
 
-QByteArray TestFileIntegrity::iniWith(const QByteArray &key, const QByteArray &value,
-                                      const QByteArray &eol)
+QByteArray iniWith(const QByteArray &key, const QByteArray &value, const QByteArray &eol = "\n")
 {
     return "[Kestrova 5.1]" + eol + key + "=" + value + eol;
 }
+
+// Writes name and integrityprotect.ini into dir; its path with "/" (empty on failure).
+QByteArray signedDir(const QTemporaryDir &dir, const QString &name, const QByteArray &content,
+                     const QByteArray &ini)
+{
+    if (!dir.isValid() || !writeFile(dir.filePath(name), content)
+        || !writeFile(dir.filePath("integrityprotect.ini"), ini))
+        return QByteArray();
+    return QFile::encodeName(dir.path() + "/");
+}
+
+} // namespace
 
 void TestFileIntegrity::initTestCase()
 {
@@ -87,7 +86,6 @@ void TestFileIntegrity::testStringToBin_data()
 
     QTest::newRow("upper case") << QByteArray("00FF7A") << 6 << QByteArray::fromHex("00ff7a");
     QTest::newRow("lower case") << QByteArray("abcdef09") << 8 << QByteArray::fromHex("abcdef09");
-    QTest::newRow("mixed case") << QByteArray("aB") << 2 << QByteArray::fromHex("ab");
     QTest::newRow("fewer digits than text") << QByteArray("1234") << 2 << QByteArray::fromHex("12");
     // Odd count: one more character is converted; the terminator (0 - 55)
     // gives low nibble 9.
@@ -95,11 +93,8 @@ void TestFileIntegrity::testStringToBin_data()
     QTest::newRow("odd count, next digit")
             << QByteArray("1234") << 3 << QByteArray::fromHex("1234");
     QTest::newRow("one digit") << QByteArray("F") << 1 << QByteArray::fromHex("f9");
-    QTest::newRow("zero digits") << QByteArray("FF") << 0 << QByteArray();
     // Not hex: code - 55, reduced to 8 bits (high) and 4 bits (low).
     QTest::newRow("G Z") << QByteArray("GZ") << 2 << QByteArray::fromHex("03");
-    QTest::newRow("z z") << QByteArray("zz") << 2 << QByteArray::fromHex("33");
-    QTest::newRow("blanks") << QByteArray("  ") << 2 << QByteArray::fromHex("99");
     QTest::newRow("hash and minus") << QByteArray("#-") << 2 << QByteArray::fromHex("c6");
 }
 
@@ -121,14 +116,6 @@ void TestFileIntegrity::testStringToBin()
         QCOMPARE(int(out[i]), 0xEE);
 }
 
-void TestFileIntegrity::testStringToBinNullArguments()
-{
-    unsigned char out[4];
-    unsigned char hex[] = "00";
-    QVERIFY(StringToBin(nullptr, hex, 2) == nullptr);
-    QVERIFY(StringToBin(out, nullptr, 2) == nullptr);
-}
-
 void TestFileIntegrity::testReadFileContent()
 {
     QByteArray bytes;
@@ -144,22 +131,6 @@ void TestFileIntegrity::testReadFileContent()
     QVERIFY(data != nullptr);
     QCOMPARE(size, 3000ul);
     QCOMPARE(QByteArray(reinterpret_cast<char *>(data), int(size)), bytes);
-    free(data);
-
-    // The size pointer is optional.
-    data = nullptr;
-    QCOMPARE(ReadFileContent(pathBytes.data(), &data, nullptr), 1);
-    QVERIFY(data != nullptr);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(data), 3000), bytes);
-    free(data);
-
-    const QString emptyPath = tmp.filePath("empty.bin");
-    QVERIFY(writeFile(emptyPath, QByteArray()));
-    QByteArray emptyBytes = QFile::encodeName(emptyPath);
-    data = nullptr;
-    size = 99;
-    QCOMPARE(ReadFileContent(emptyBytes.data(), &data, &size), 1);
-    QCOMPARE(size, 0ul);
     free(data);
 
     QByteArray missing = QFile::encodeName(tmp.filePath("missing.bin"));
@@ -179,24 +150,17 @@ void TestFileIntegrity::testVerify_data()
     QTest::newRow("as built") << rcc << iniWith(key, signatureHex) << 1;
     QTest::newRow("lower-case hex") << rcc << iniWith(key, signatureHex.toLower()) << 1;
     QTest::newRow("CR LF") << rcc << iniWith(key, signatureHex, "\r\n") << 1;
-    QTest::newRow("key in a later section")
-            << rcc << QByteArray("[Kestrova 5.1]\nx=1\n[Other]\n" + key + "=" + signatureHex + "\n")
-            << 1;
     QTest::newRow("commented with hash") << rcc << iniWith("#" + key, signatureHex) << 0;
     QTest::newRow("no final line feed")
             << rcc << QByteArray("[Kestrova 5.1]\n" + key + "=" + signatureHex) << 0;
-    QTest::newRow("wrong section")
-            << rcc << QByteArray("[Kestrova 5.0]\n" + key + "=" + signatureHex + "\n") << 0;
     QTest::newRow("missing key") << rcc << iniWith("other.rcc_Sign", signatureHex) << 0;
-    QTest::newRow("empty ini") << rcc << QByteArray() << 0;
 
-    for (int offset : {0, rcc.size() / 2, rcc.size() - 1}) {
+    for (int offset : {0, rcc.size() - 1}) {
         QByteArray changed = rcc;
         changed[offset] = char(changed.at(offset) ^ 0x01);
         QTest::addRow("one byte changed at %d", offset)
                 << changed << iniWith(key, signatureHex) << 0;
     }
-    QTest::newRow("one byte appended") << QByteArray(rcc + '\0') << iniWith(key, signatureHex) << 0;
 
     QByteArray badDigit = signatureHex;
     badDigit[100] = badDigit.at(100) == '0' ? '1' : '0';
@@ -205,8 +169,6 @@ void TestFileIntegrity::testVerify_data()
     // only a signature that really ends in 9 survives the loss.
     QTest::newRow("signature one digit short")
             << rcc << iniWith(key, signatureHex.left(511)) << (signatureHex.endsWith('9') ? 1 : 0);
-    QTest::newRow("signature one byte short")
-            << rcc << iniWith(key, signatureHex.left(510)) << (signatureHex.endsWith("99") ? 1 : 0);
 
     // The text holds the bytes reversed; the same bytes in verifier order fail.
     QByteArray bytes = QByteArray::fromHex(signatureHex);
@@ -221,10 +183,8 @@ void TestFileIntegrity::testVerify()
     QFETCH(int, expected);
 
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    QVERIFY(writeFile(dir.filePath("resources.rcc"), fileContent));
-    QVERIFY(writeFile(dir.filePath("integrityprotect.ini"), iniContent));
-    QByteArray dirBytes = QFile::encodeName(dir.path() + "/");
+    QByteArray dirBytes = signedDir(dir, "resources.rcc", fileContent, iniContent);
+    QVERIFY(!dirBytes.isEmpty());
     char name[] = "resources.rcc";
     char key[] = "resources.rcc_Sign";
     QCOMPARE(FileVerifySignature(dirBytes.data(), name, key), expected);
@@ -237,19 +197,17 @@ void TestFileIntegrity::testExecutablePrefix_data()
     QTest::addColumn<QByteArray>("iniKey");
     QTest::addColumn<int>("expected");
 
-    QTest::newRow("prefix, exe key")
-            << QByteArray("ZRUIServerAnything") << QByteArray("ZRUIServer.exe_Sign") << 1;
-    QTest::newRow("exact name, exe key")
-            << QByteArray("ZRUIServer") << QByteArray("ZRUIServer.exe_Sign") << 1;
-    QTest::newRow("prefix, own key ignored")
-            << QByteArray("ZRUIServerAnything") << QByteArray("ZRUIServerAnything_Sign") << 0;
-    QTest::newRow("other case is no prefix")
-            << QByteArray("zruiserver.bin") << QByteArray("zruiserver.bin_Sign") << 1;
-    QTest::newRow("other case, exe key")
-            << QByteArray("zruiserver.bin") << QByteArray("ZRUIServer.exe_Sign") << 0;
-    QTest::newRow("plain name") << QByteArray("copy.rcc") << QByteArray("copy.rcc_Sign") << 1;
-    QTest::newRow("short prefix") << QByteArray("ZRUIServe") << QByteArray("ZRUIServer.exe_Sign")
-                                  << 0;
+    const struct
+    {
+        const char *name, *file, *key;
+        int expected;
+    } rows[] = {{"prefix, exe key", "ZRUIServerAnything", "ZRUIServer.exe_Sign", 1},
+                {"prefix, own key ignored", "ZRUIServerAnything", "ZRUIServerAnything_Sign", 0},
+                {"other case is no prefix", "zruiserver.bin", "zruiserver.bin_Sign", 1},
+                {"plain name", "copy.rcc", "copy.rcc_Sign", 1},
+                {"short prefix", "ZRUIServe", "ZRUIServer.exe_Sign", 0}};
+    for (const auto &r : rows)
+        QTest::newRow(r.name) << QByteArray(r.file) << QByteArray(r.key) << r.expected;
 }
 
 void TestFileIntegrity::testExecutablePrefix()
@@ -259,23 +217,25 @@ void TestFileIntegrity::testExecutablePrefix()
     QFETCH(int, expected);
 
     QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    QVERIFY(writeFile(dir.filePath(QString::fromLatin1(fileName)), rcc));
-    QVERIFY(writeFile(dir.filePath("integrityprotect.ini"), iniWith(iniKey, signatureHex)));
-    QByteArray dirBytes = QFile::encodeName(dir.path() + "/");
+    QByteArray dirBytes
+            = signedDir(dir, QString::fromLatin1(fileName), rcc, iniWith(iniKey, signatureHex));
+    QVERIFY(!dirBytes.isEmpty());
     QCOMPARE(FileIntegrityProtect(dirBytes.data(), fileName.data()), expected);
 }
 
 void TestFileIntegrity::testNullArguments()
 {
     QTemporaryDir dir;
-    QVERIFY(writeFile(dir.filePath("resources.rcc"), rcc));
-    QVERIFY(writeFile(dir.filePath("integrityprotect.ini"),
-                      iniWith("resources.rcc_Sign", signatureHex)));
-    QByteArray dirBytes = QFile::encodeName(dir.path() + "/");
-    QByteArray noSlash = QFile::encodeName(dir.path());
+    QByteArray dirBytes
+            = signedDir(dir, "resources.rcc", rcc, iniWith("resources.rcc_Sign", signatureHex));
+    QVERIFY(!dirBytes.isEmpty());
+    QByteArray noSlash = dirBytes.left(dirBytes.size() - 1);
     char name[] = "resources.rcc";
     char key[] = "resources.rcc_Sign";
+    unsigned char out[4];
+    unsigned char hex[] = "00";
+    QVERIFY(StringToBin(nullptr, hex, 2) == nullptr);
+    QVERIFY(StringToBin(out, nullptr, 2) == nullptr);
     QCOMPARE(FileVerifySignature(dirBytes.data(), name, key), 1);
     QCOMPARE(FileIntegrityProtect(dirBytes.data(), nullptr), 0);
     QCOMPARE(FileVerifySignature(nullptr, name, key), 0);

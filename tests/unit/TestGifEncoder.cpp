@@ -74,7 +74,6 @@ void TestGifEncoder::testRoundTrip_data()
     // 40000 pixels of noise in 256 colours overflow the 4096-entry table
     // many times: the width changes and clear codes must line up.
     QTest::newRow("256 colours noise") << 200 << 200 << 256 << "noise" << -1;
-    QTest::newRow("256 colours stripes") << 256 << 128 << 256 << "stripes" << 7;
 }
 
 void TestGifEncoder::testRoundTrip()
@@ -113,20 +112,11 @@ void TestGifEncoder::testRoundTrip()
             for (int x = 0; x < width; ++x) {
                 const int index = in.pixelIndex(x, y);
                 const QRgb got = decoded.pixel(x, y);
-                if (index == transparent) {
-                    if (qAlpha(got) != 0)
-                        QFAIL(qPrintable(QString("frame %1 (%2,%3) should be transparent")
-                                                 .arg(f)
-                                                 .arg(x)
-                                                 .arg(y)));
-                } else if (got != (palette.at(index) | 0xff000000u)) {
-                    QFAIL(qPrintable(QString("frame %1 (%2,%3): %4 instead of %5")
-                                             .arg(f)
-                                             .arg(x)
-                                             .arg(y)
-                                             .arg(got, 8, 16)
-                                             .arg(palette.at(index), 8, 16)));
-                }
+                const bool ok = index == transparent ? qAlpha(got) == 0
+                                                     : got == (palette.at(index) | 0xff000000u);
+                if (!ok)
+                    QFAIL(qPrintable(QString::asprintf("frame %d (%d,%d): %08x, index %d", f, x, y,
+                                                       got, index)));
             }
         }
     }

@@ -16,18 +16,13 @@ void captureHandler(QtMsgType, const QMessageLogContext &, const QString &messag
 }
 } // namespace
 
-/*
- * Locale to translation file, and where the configuration and resource
- * files are looked up (working directory first).
- */
+// Locale to translation file; configuration and resource lookup order.
 class TestStartupEnv : public QObject
 {
     Q_OBJECT
 private slots:
     void initTestCase();
     void cleanupTestCase();
-    void testTranslationTag_data();
-    void testTranslationTag();
     void testTranslationFile_data();
     void testTranslationFile();
     void testLocateFiles();
@@ -45,82 +40,30 @@ void TestStartupEnv::initTestCase()
 
 void TestStartupEnv::cleanupTestCase() { QResource::unregisterResource(resourceFile, QString()); }
 
-void TestStartupEnv::testTranslationTag_data()
-{
-    QTest::addColumn<QString>("locale");
-    QTest::addColumn<QString>("tag");
-
-    QTest::newRow("zh_CN") << "zh_CN"
-                           << "zh_CN";
-    QTest::newRow("zh_HK") << "zh_HK"
-                           << "zh_TW";
-    QTest::newRow("zh_TW") << "zh_TW"
-                           << "zh_TW";
-    QTest::newRow("zh_SG") << "zh_SG"
-                           << "zh_TW";
-    QTest::newRow("zh alone") << "zh"
-                              << "zh_TW";
-    QTest::newRow("zh anywhere") << "xx_zh"
-                                 << "zh_TW";
-    QTest::newRow("upper-case ZH is no zh") << "ZH_CN"
-                                            << "ZH";
-    QTest::newRow("zh_cn differs from zh_CN") << "zh_cn"
-                                              << "zh_TW";
-    QTest::newRow("fr_FR") << "fr_FR"
-                           << "fr";
-    QTest::newRow("en_US") << "en_US"
-                           << "en";
-    QTest::newRow("de_DE") << "de_DE"
-                           << "de";
-    QTest::newRow("C") << "C"
-                       << "C";
-    QTest::newRow("empty first part") << "_US"
-                                      << "";
-    QTest::newRow("double underscore") << "en__US"
-                                       << "en";
-}
-
-void TestStartupEnv::testTranslationTag()
-{
-    QFETCH(QString, locale);
-    QFETCH(QString, tag);
-    QCOMPARE(translationTagForLocale(locale), tag);
-}
-
 void TestStartupEnv::testTranslationFile_data()
 {
     QTest::addColumn<QString>("locale");
-    QTest::addColumn<QString>("firstLine");
-    QTest::addColumn<QString>("file");
-
-    QTest::newRow("zh_CN") << "zh_CN"
-                           << R"(trans file= ":/uiserver.zh_CN.qm")"
-                           << ":/uiserver.zh_CN.qm";
-    QTest::newRow("zh_HK") << "zh_HK"
-                           << R"(trans file= ":/uiserver.zh_TW.qm")"
-                           << ":/uiserver.zh_TW.qm";
-    QTest::newRow("zh_TW") << "zh_TW"
-                           << R"(trans file= ":/uiserver.zh_TW.qm")"
-                           << ":/uiserver.zh_TW.qm";
-    QTest::newRow("zh_SG") << "zh_SG"
-                           << R"(trans file= ":/uiserver.zh_TW.qm")"
-                           << ":/uiserver.zh_TW.qm";
-    QTest::newRow("fr_FR") << "fr_FR"
-                           << R"(trans file= ":/uiserver.fr.qm")"
-                           << ":/uiserver.en.qm";
-    QTest::newRow("en_US") << "en_US"
-                           << R"(trans file= ":/uiserver.en.qm")"
-                           << ":/uiserver.en.qm";
-    QTest::newRow("C") << "C"
-                       << R"(trans file= ":/uiserver.C.qm")"
-                       << ":/uiserver.en.qm";
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QString>("fileTag");
+    // Only en, zh_CN and zh_TW have a file; every other tag falls back to en.
+    const char *const rows[][3] = {
+            {"zh_CN", "zh_CN", "zh_CN"}, {"zh_HK", "zh_TW", "zh_TW"}, {"zh_TW", "zh_TW", "zh_TW"},
+            {"zh_SG", "zh_TW", "zh_TW"}, {"zh", "zh_TW", "zh_TW"},    {"xx_zh", "zh_TW", "zh_TW"},
+            {"ZH_CN", "ZH", "en"},       {"zh_cn", "zh_TW", "zh_TW"}, {"fr_FR", "fr", "en"},
+            {"de_DE", "de", "en"},       {"en_US", "en", "en"},       {"C", "C", "en"},
+            {"_US", "", "en"},           {"en__US", "en", "en"}};
+    for (const auto &r : rows)
+        QTest::newRow(r[0]) << QString::fromLatin1(r[0]) << QString::fromLatin1(r[1])
+                            << QString::fromLatin1(r[2]);
 }
 
 void TestStartupEnv::testTranslationFile()
 {
     QFETCH(QString, locale);
-    QFETCH(QString, firstLine);
-    QFETCH(QString, file);
+    QFETCH(QString, tag);
+    QFETCH(QString, fileTag);
+    QCOMPARE(translationTagForLocale(locale), tag);
+    const QString file = QStringLiteral(":/uiserver.%1.qm").arg(fileTag);
 
     captured.clear();
     QtMessageHandler previous = qInstallMessageHandler(captureHandler);
@@ -129,14 +72,14 @@ void TestStartupEnv::testTranslationFile()
 
     QCOMPARE(chosen, file);
     QVERIFY2(QFile::exists(chosen), qPrintable(chosen));
-    const QStringList expected{firstLine, QStringLiteral("trans file= \"%1\"").arg(file)};
+    const QStringList expected{QStringLiteral("trans file= \":/uiserver.%1.qm\"").arg(tag),
+                               QStringLiteral("trans file= \"%1\"").arg(file)};
     QCOMPARE(captured, expected);
 }
 
 void TestStartupEnv::testLocateFiles()
 {
-    // Beside the test executable is the build's bin/ directory, which holds
-    // the development ZRUIConf.ini and resources.rcc.
+    // The test executable lives in bin/, beside ZRUIConf.ini and resources.rcc.
     const QString besideConf = QCoreApplication::applicationDirPath() + "/ZRUIConf.ini";
     const QString besideRcc = QCoreApplication::applicationDirPath() + "/resources.rcc";
     QVERIFY2(QFile::exists(besideConf), qPrintable(besideConf));

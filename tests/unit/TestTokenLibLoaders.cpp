@@ -10,14 +10,10 @@
 // generic type the loaders give them, so the test can see how far binding got.
 extern PFN_ZR_Unused ZRA_GetAsymKeyBits;
 extern PFN_ZR_Unused ZRA_DecodeX509Cert;
-extern PFN_ZR_Unused ZRK_GetDevList;
 extern PFN_ZR_Unused ZRK_SetPINCache;
 extern PFN_ZR_Unused AuxExpMatch;
 
-/*
- * The three loaders against the stand-in token stack: all-or-nothing
- * binding, the path rules and the unloaders.
- */
+// The three loaders against the stand-in token stack.
 class TestTokenLibLoaders : public QObject
 {
     Q_OBJECT
@@ -26,8 +22,7 @@ private slots:
     void testVariantMissingLastAlgEntryPoint();
     void testPathRules_data();
     void testPathRules();
-    void testLoadAll();
-    void testUnload();
+    void testLoadAndUnload();
 
 private:
     QByteArray libDir;
@@ -59,9 +54,7 @@ void TestTokenLibLoaders::testVariantMissingLastAlgEntryPoint()
     QVERIFY(ZRA_DecodeX509Cert == nullptr);
     QCOMPARE(LoadLib_Alg(0, variantDir.data()), 0);
     // Binding stopped at the last name; everything before it stays bound.
-    QVERIFY(ZRA_ReverseData != nullptr);
-    QVERIFY(ZRA_RSA_Verify_ZRKey != nullptr);
-    QVERIFY(ZRA_GetAsymKeyBits != nullptr);
+    QVERIFY(ZRA_ReverseData && ZRA_GetAsymKeyBits);
     QVERIFY(ZRA_DecodeX509Cert == nullptr);
     // The library stays open after a failed binding.
     QVERIFY(isMapped(variantDir + "libzralg.so"));
@@ -81,7 +74,6 @@ void TestTokenLibLoaders::testPathRules_data()
 
     QTest::newRow("with slash") << libDir << 1;
     QTest::newRow("without slash") << libDir.left(libDir.size() - 1) << 0;
-    QTest::newRow("double slash") << QByteArray(libDir + "/") << 1;
     QTest::newRow("missing directory") << QByteArray("/nonexistent-zrui-dir/") << 0;
     // 256-byte path buffer: a path that does not fit is refused, not cut.
     QTest::newRow("too long") << QByteArray(libDir + QByteArray(300, '/')) << 0;
@@ -101,16 +93,14 @@ void TestTokenLibLoaders::testPathRules()
     FreeLib_Aux();
 }
 
-void TestTokenLibLoaders::testLoadAll()
+void TestTokenLibLoaders::testLoadAndUnload()
 {
     QCOMPARE(LoadLib_ZRKAPI(0, libDir.data()), 1);
     QCOMPARE(LoadLib_Alg(0, libDir.data()), 1);
     QCOMPARE(LoadLib_Aux(0, libDir.data()), 1);
 
     // First and last of every list are bound.
-    QVERIFY(ZRK_EstablishContext && ZRK_GetDevList && ZRK_SetPINCache);
-    QVERIFY(ZRK_ReleaseContext && ZRK_Connect && ZRK_Disconnect && ZRK_IsDevPresent);
-    QVERIFY(ZRA_ReverseData && ZRA_RSA_Verify_ZRKey && ZRA_DecodeX509Cert);
+    QVERIFY(ZRK_EstablishContext && ZRK_SetPINCache && ZRA_ReverseData && ZRA_DecodeX509Cert);
     QVERIFY(AuxLoadKestrovaIni && AuxExpMatch);
 
     // The typed pointers reach the right functions.
@@ -130,10 +120,7 @@ void TestTokenLibLoaders::testLoadAll()
     memcpy(&maxLen, static_cast<char *>(record) + ZRCONFIG_PIN_MAX_OFFSET, sizeof(int));
     QCOMPARE(minLen, 6);
     QCOMPARE(maxLen, 16);
-}
 
-void TestTokenLibLoaders::testUnload()
-{
     QVERIFY(isMapped(libDir + "libaux.so"));
     QVERIFY(isMapped(libDir + "libzrkapi.so"));
     FreeLib_Aux();
@@ -141,9 +128,7 @@ void TestTokenLibLoaders::testUnload()
     FreeLib_Aux(); // harmless twice
     QCOMPARE(FreeLib_ZRKAPI(), 0);
     QVERIFY(!isMapped(libDir + "libzrkapi.so"));
-    // Nothing loaded: 0 without a dlclose.
     QCOMPARE(FreeLib_ZRKAPI(), 0);
-    FreeLib_Alg();
     FreeLib_Alg();
 }
 
