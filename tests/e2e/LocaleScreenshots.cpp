@@ -1,13 +1,7 @@
-// Screenshots of every dialog in English, Simplified and Traditional Chinese,
-// taken from the real executable in a real X server, for looking at the
-// translated dialogs as a person sees them (clipped or overlapping text,
-// missing CJK glyphs). Not a test: run it through the `locale-screenshots`
-// target, which starts it once in an X server at 96 and once at 144 dots per
-// inch (the program's scale 1.0 and 1.5).
-//
-// There is no window manager under xvfb-run, so a grab shows no title bar;
-// each picture gets a grey strip on top with the window's title as X reports
-// it, drawn here.
+// Screenshots of every dialog of the real executable in English, Simplified
+// and Traditional Chinese (run by the `locale-screenshots` target at 96 and
+// 144 dpi). Without a window manager a grab has no title bar: each picture
+// gets a grey strip with the window's title as X reports it.
 #include "WindowTitles.h"
 #include "XDoTool.h"
 
@@ -107,6 +101,7 @@ bool shoot(const QString &title, const QString &name)
     return true;
 }
 
+// A connection with an open session; closing it hides the PIN and waiting windows.
 struct Session
 {
     zrui_conn *conn = nullptr;
@@ -116,13 +111,15 @@ struct Session
             || zrui_begin_session(conn, 0) != ZRUI_OK)
             fail(QStringLiteral("cannot open a session"));
     }
-    ~Session()
+    ~Session() { zrui_close(conn); }
+    // The session is open and `rc` (the request that shows a window) succeeded.
+    bool ok(int rc, const QString &what)
     {
-        // Closing the connection hides the PIN and waiting windows.
-        if (conn)
-            zrui_close(conn);
+        if (conn && rc == ZRUI_OK)
+            return true;
+        fail(what);
+        return false;
     }
-    bool ok() const { return conn != nullptr; }
 };
 
 const char *const pinTitles[]
@@ -137,10 +134,8 @@ void pinDialogs(const ServerLauncher &server, const QString &prefix, bool allTyp
         if (!allTypes && type != 0 && type != 2 && type != 5)
             continue;
         Session s(server);
-        if (!s.ok() || zrui_pin_show(s.conn, type) != ZRUI_OK) {
-            fail(QStringLiteral("pin show %1").arg(type));
+        if (!s.ok(zrui_pin_show(s.conn, type), QStringLiteral("pin show %1").arg(type)))
             continue;
-        }
         const QString title = tr("PINDialog", pinTitles[type]);
         const QString name = QStringLiteral("%1pin%2").arg(prefix).arg(type);
         if (!shoot(title, name))
@@ -166,22 +161,21 @@ bool typeInto(const QString &title, const QString &text, const QString &keys)
 void pinHints(const ServerLauncher &server)
 {
     Session s(server);
-    if (!s.ok() || zrui_pin_show(s.conn, 2) != ZRUI_OK)
-        return fail(QStringLiteral("pin show 2 for hints"));
+    if (!s.ok(zrui_pin_show(s.conn, 2), QStringLiteral("pin show 2 for hints")))
+        return;
     const QString title = tr("PINDialog", "Change USBKey password");
-    typeInto(title, QStringLiteral("abc123"), QStringLiteral("Tab"));
-    typeInto(title, QStringLiteral("banana"), QString());
-    shoot(title, QStringLiteral("hint-weak-typing"));
-    // Past the new PIN's keyboard button to the confirm field.
-    typeInto(title, QString(), QStringLiteral("Tab Tab"));
-    typeInto(title, QStringLiteral("banana"), QStringLiteral("Return"));
-    shoot(title, QStringLiteral("hint-too-weak"));
-    // After a rejection the new PIN field has the focus again.
-    typeInto(title, QStringLiteral("a1b2c3"), QStringLiteral("Tab Tab"));
-    typeInto(title, QStringLiteral("a1b2c4"), QStringLiteral("Return"));
-    shoot(title, QStringLiteral("hint-mismatch"));
-    typeInto(title, QStringLiteral("Ab1"), QStringLiteral("Return"));
-    shoot(title, QStringLiteral("hint-length"));
+    // "Tab Tab" passes the new PIN's keyboard button to the confirm field;
+    // after a rejection the new PIN field has the focus again.
+    const char *const steps[][3]
+            = {{"abc123", "Tab", nullptr},      {"banana", "", "hint-weak-typing"},
+               {"", "Tab Tab", nullptr},        {"banana", "Return", "hint-too-weak"},
+               {"a1b2c3", "Tab Tab", nullptr},  {"a1b2c4", "Return", "hint-mismatch"},
+               {"Ab1", "Return", "hint-length"}};
+    for (const auto &step : steps) {
+        typeInto(title, QString::fromLatin1(step[0]), QString::fromLatin1(step[1]));
+        if (step[2])
+            shoot(title, QString::fromLatin1(step[2]));
+    }
 }
 
 // Runs a request that blocks until the person answers a box, in a thread:
@@ -212,22 +206,22 @@ int answerBox(zrui_conn *conn, const std::function<int()> &request, const QStrin
     return result;
 }
 
-// The retry box after a wrong PIN: remaining tries, and the default PIN.
-void retryBoxes(const ServerLauncher &server)
+// The retry box after a wrong PIN (remaining tries, the default PIN), then
+// the notices; answered with Cancel (Tab from Retry) and OK.
+void boxes(const ServerLauncher &server)
 {
     for (const uint32_t tries : {3u, 0xFFFFFFFFu}) {
         Session s(server);
-        if (!s.ok() || zrui_pin_show(s.conn, 0) != ZRUI_OK)
-            return fail(QStringLiteral("pin show for retry"));
+        if (!s.ok(zrui_pin_show(s.conn, 0), QStringLiteral("pin show for retry")))
+            return;
         typeInto(tr("PINDialog", "Verify USBKey password"), QStringLiteral("wrong1"),
                  QStringLiteral("Return"));
         zrui_pin_result r;
         const int rc = zrui_pin_wait(s.conn, 15000, 50, &r);
         zrui_pin_result_wipe(&r);
-        if (rc != ZRUI_OK)
-            return fail(QStringLiteral("no PIN for retry"));
+        if (!s.ok(rc, QStringLiteral("no PIN for retry")))
+            return;
         zrui_conn *conn = s.conn;
-        // Retry has the focus; Tab moves to Cancel.
         const int answer = answerBox(
                 conn, [conn, tries] { return zrui_pin_retry(conn, tries); },
                 tr("FIFO_Service", "USBKey password error"),
@@ -236,15 +230,11 @@ void retryBoxes(const ServerLauncher &server)
         if (answer != ZRUI_E_CANCEL)
             fail(QStringLiteral("retry box not cancelled: %1").arg(answer));
     }
-}
-
-void messageBoxes(const ServerLauncher &server)
-{
     for (const char *text : {"PIN_Locked", "SPACE_FULL_Hint"}) {
         Session s(server);
-        if (!s.ok())
-            return;
         zrui_conn *conn = s.conn;
+        if (!s.ok(ZRUI_OK, QStringLiteral("message box session")))
+            return;
         const int answer = answerBox(
                 conn, [conn, text] { return zrui_message_box(conn, 0, "Title_Warning", text); },
                 tr("MessageDialog", "Title_Warning"),
@@ -258,12 +248,10 @@ void messageBoxes(const ServerLauncher &server)
 void listDialog(const ServerLauncher &server)
 {
     Session s(server);
-    if (!s.ok())
-        return;
     const char *list = "Signing key 2024\n\xE7\xAD\xBE\xE5\x90\x8D\xE5\xAF\x86\xE9\x92\xA5 "
                        "2025\nEncryption key 2026";
-    if (zrui_list_show(s.conn, 0, list) != ZRUI_OK)
-        return fail(QStringLiteral("list show"));
+    if (!s.ok(zrui_list_show(s.conn, 0, list), QStringLiteral("list show")))
+        return;
     const QString title = tr("CertListDialog", "Form");
     shoot(title, QStringLiteral("list"));
     XDoTool::focus(WindowTitles::waitFor(serverPid, title));
@@ -290,28 +278,21 @@ const char *const waitingTitles[] = {"Generate Key Pair",
 // of each of the three limits.
 void waitingDialogs(const ServerLauncher &server)
 {
-    struct Case
+    const struct
     {
         uint32_t type;
         const char *info;
-        const char *suffix;
-    };
-    QList<Case> cases;
-    for (uint32_t type = 0; type <= 11; ++type)
-        cases.append({type, "0=wait.gif", ""});
-    cases.append({2, "0=wait.gif|1=30", "-countdown"});
-    cases.append({5, "2=120|3=pay 100.00", "-countdown"});
-    cases.append({6, "4=9", "-countdown"});
-    for (const Case &c : cases) {
+    } countdowns[] = {{2, "0=wait.gif|1=30"}, {5, "2=120|3=pay 100.00"}, {6, "4=9"}};
+    for (uint32_t i = 0; i < 15; ++i) {
+        const uint32_t type = i < 12 ? i : countdowns[i - 12].type;
         Session s(server);
-        if (!s.ok() || zrui_waiting_show(s.conn, c.type, c.info) != ZRUI_OK) {
-            fail(QStringLiteral("waiting show %1").arg(c.type));
+        if (!s.ok(zrui_waiting_show(s.conn, type, i < 12 ? "0=wait.gif" : countdowns[i - 12].info),
+                  QStringLiteral("waiting show %1").arg(type)))
             continue;
-        }
-        shoot(tr("WaitingDialog", waitingTitles[c.type]),
-              QStringLiteral("waiting%1%2").arg(c.type).arg(QLatin1String(c.suffix)));
+        const QString title = tr("WaitingDialog", waitingTitles[type]);
+        shoot(title, QStringLiteral("waiting%1%2").arg(type).arg(i < 12 ? "" : "-countdown"));
         zrui_waiting_finish(s.conn);
-        WindowTitles::waitForNone(serverPid, tr("WaitingDialog", waitingTitles[c.type]));
+        WindowTitles::waitForNone(serverPid, title);
     }
 }
 
@@ -357,40 +338,30 @@ int main(int argc, char *argv[])
         return 1;
     }
 
-    const struct
-    {
-        const char *locale;
-        const char *tag;
-    } languages[] = {{"en_US", "en"}, {"zh_CN", "zh_CN"}, {"zh_TW", "zh_TW"}};
-    for (const auto &lang : languages) {
+    for (const QString locale : {"en_US", "zh_CN", "zh_TW"}) {
+        const QString tag = locale == QLatin1String("en_US") ? QStringLiteral("en") : locale;
         QTranslator qm;
-        if (!qm.load(QStringLiteral(":/shots/uiserver.%1.qm").arg(QLatin1String(lang.tag)))) {
-            fail(QStringLiteral("no translation %1").arg(QLatin1String(lang.tag)));
+        if (!qm.load(QStringLiteral(":/shots/uiserver.%1.qm").arg(tag))) {
+            fail(QStringLiteral("no translation %1").arg(tag));
             continue;
         }
         translator = &qm;
-        outDir = QDir(QString::fromLocal8Bit(argv[1]))
-                         .filePath(scaleTag + QLatin1Char('/') + QLatin1String(lang.tag));
+        outDir = QDir(QString::fromLocal8Bit(argv[1])).filePath(scaleTag + QLatin1Char('/') + tag);
         QDir().mkpath(outDir);
-
-        {
-            ServerLauncher server; // full keyboard
-            if (startServer(server, QLatin1String(lang.locale), QString())) {
+        for (const QString variant : {"", "simple"}) { // full keyboard, simple keyboard
+            ServerLauncher server;
+            if (!startServer(server, locale, variant))
+                continue;
+            if (variant.isEmpty()) {
                 pinDialogs(server, QString(), true);
                 pinHints(server);
-                retryBoxes(server);
-                messageBoxes(server);
+                boxes(server);
                 listDialog(server);
                 waitingDialogs(server);
-                server.stop();
-            }
-        }
-        {
-            ServerLauncher server;
-            if (startServer(server, QLatin1String(lang.locale), QStringLiteral("simple"))) {
+            } else {
                 pinDialogs(server, QStringLiteral("simple-"), false);
-                server.stop();
             }
+            server.stop();
         }
         translator = nullptr;
     }

@@ -1,15 +1,7 @@
-// Translations in a real X server with real fonts.
-//
-// 1. The real executable, started under each locale, loads the translation
-//    the locale asks for (zh_HK takes the Traditional Chinese file, French
-//    falls back to English), logs both "trans file=" lines, and shows its
-//    PIN dialogs with the translated titles.
-// 2. Every translated text of the three translation files has a glyph in the
-//    installed fonts (no boxes for Chinese).
-// 3. Each dialog built in this process with each translation installed, at
-//    the program's own scale (logical DPI / 96, so 1.5 under an X server
-//    started with -dpi 144): no text is cut off, no two text widgets
-//    overlap, no widget sticks out of its window.
+// Translations in a real X server with real fonts: the real executable per
+// locale (translation file chosen, PIN dialog titles), a glyph for every
+// translated text, and every dialog per language at the program's scale
+// (logical DPI / 96) without clipped, overlapping or protruding widgets.
 #include "WindowTitles.h"
 #include "XDoTool.h"
 
@@ -45,7 +37,6 @@
 
 namespace {
 
-// Visible text of a widget, rich text reduced to its plain characters.
 QString plainText(const QString &text)
 {
     if (!Qt::mightBeRichText(text))
@@ -55,9 +46,7 @@ QString plainText(const QString &text)
     return doc.toPlainText();
 }
 
-// Characters of text that no installed font can draw with `font` and its
-// fallbacks: laid out alone, they come out as glyph index 0 (.notdef, drawn
-// as a box).
+// Characters no installed font draws: laid out alone, they give glyph 0.
 QString missingGlyphs(const QString &text, const QFont &font)
 {
     QString missing;
@@ -103,6 +92,8 @@ QMap<QString, QString> tsTranslations(const QString &path)
     return out;
 }
 
+QString str(const QSize &s) { return QStringLiteral("%1x%2").arg(s.width()).arg(s.height()); }
+
 using DialogFactory = std::function<QWidget *(FakeUiStatus *, float)>;
 
 } // namespace
@@ -125,7 +116,6 @@ private slots:
     void testDialogTextsFit();
 
 private:
-    bool installLanguage(const QString &tag);
     QStringList layoutProblems(QWidget *window);
 
     float scale = 1.0f;
@@ -136,14 +126,12 @@ void TestLocales::initTestCase()
 {
     if (!XDoTool::available())
         QSKIP("needs xdotool and an X display (run under xvfb-run)");
-    // The program's own formula.
     scale = float(QApplication::desktop()->logicalDpiX()) / 96.0f;
     qInfo("logical DPI %d: scale %.2f", QApplication::desktop()->logicalDpiX(), double(scale));
     const QString expected = qEnvironmentVariable("ZRUI_EXPECT_SCALE");
     if (!expected.isEmpty())
         QCOMPARE(scale, expected.toFloat());
     const QString rcc = qEnvironmentVariable("ZRUI_BIN_DIR") + QStringLiteral("/resources.rcc");
-    // At the root, as the program registers it (icon and translations).
     QVERIFY2(QResource::registerResource(rcc), qPrintable(rcc));
 }
 
@@ -159,25 +147,23 @@ void TestLocales::testServerShowsTranslatedPinTitles_data()
     QTest::addColumn<QString>("locale");
     QTest::addColumn<QString>("firstFile");
     QTest::addColumn<QString>("loadedFile");
-    QTest::addColumn<QString>("verifyTitle");
-    QTest::addColumn<QString>("adminTitle");
+    // PIN dialog types 0 and 1; type 1's English differs from its source text.
+    QTest::addColumn<QStringList>("titles");
 
     const QString en = QStringLiteral(":/uiserver.en.qm");
     const QString cn = QStringLiteral(":/uiserver.zh_CN.qm");
     const QString tw = QStringLiteral(":/uiserver.zh_TW.qm");
-    // Type 0's English title is its source text; type 1's English differs
-    // from its source, so it proves that the English file is loaded.
-    QTest::newRow("zh_CN") << "zh_CN" << cn << cn << QString::fromUtf8("验证USBKey密码")
-                           << QString::fromUtf8("验证USBKey管理员密码");
-    QTest::newRow("zh_HK") << "zh_HK" << tw << tw << QString::fromUtf8("驗證USBKey密碼")
-                           << QString::fromUtf8("驗證USBKey管理員密碼");
-    QTest::newRow("zh_TW") << "zh_TW" << tw << tw << QString::fromUtf8("驗證USBKey密碼")
-                           << QString::fromUtf8("驗證USBKey管理員密碼");
-    QTest::newRow("en_US") << "en_US" << en << en << "Verify USBKey password"
-                           << "Verify USBKey administrator password";
+    const QStringList cnTitles{QString::fromUtf8("验证USBKey密码"),
+                               QString::fromUtf8("验证USBKey管理员密码")};
+    const QStringList twTitles{QString::fromUtf8("驗證USBKey密碼"),
+                               QString::fromUtf8("驗證USBKey管理員密碼")};
+    const QStringList enTitles{"Verify USBKey password", "Verify USBKey administrator password"};
+    QTest::newRow("zh_CN") << "zh_CN" << cn << cn << cnTitles;
+    QTest::newRow("zh_HK") << "zh_HK" << tw << tw << twTitles;
+    QTest::newRow("zh_TW") << "zh_TW" << tw << tw << twTitles;
+    QTest::newRow("en_US") << "en_US" << en << en << enTitles;
     QTest::newRow("fr_FR") << "fr_FR"
-                           << ":/uiserver.fr.qm" << en << "Verify USBKey password"
-                           << "Verify USBKey administrator password";
+                           << ":/uiserver.fr.qm" << en << enTitles;
 }
 
 void TestLocales::testServerShowsTranslatedPinTitles()
@@ -185,8 +171,7 @@ void TestLocales::testServerShowsTranslatedPinTitles()
     QFETCH(QString, locale);
     QFETCH(QString, firstFile);
     QFETCH(QString, loadedFile);
-    QFETCH(QString, verifyTitle);
-    QFETCH(QString, adminTitle);
+    QFETCH(QStringList, titles);
 
     QVERIFY(LogFile::clear());
     ServerLauncher server;
@@ -197,8 +182,7 @@ void TestLocales::testServerShowsTranslatedPinTitles()
     QVERIFY2(server.waitForListening(), server.output().constData());
     const qint64 pid = server.process().processId();
 
-    // The start-up lines of this process: the locale, then the file asked
-    // for and the file loaded.
+    // The locale, then the file asked for and the file loaded.
     const QString localeLine = QStringLiteral("locale= \"%1\"").arg(locale);
     QVERIFY(LogFile::waitForLine(localeLine));
     const QStringList messages = LogFile::messages();
@@ -212,27 +196,19 @@ void TestLocales::testServerShowsTranslatedPinTitles()
     zrui_conn *conn = nullptr;
     QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &conn), int(ZRUI_OK));
     auto closer = qScopeGuard([&conn] { zrui_close(conn); });
-    QCOMPARE(zrui_begin_session(conn, 0), int(ZRUI_OK));
-    QCOMPARE(zrui_pin_show(conn, 0), int(ZRUI_OK));
-    const QString window = WindowTitles::waitFor(pid, verifyTitle);
-    QVERIFY2(!window.isEmpty(), qPrintable(WindowTitles::titles(pid).join(" / ")));
-    QCOMPARE(WindowTitles::titles(pid), QStringList{verifyTitle});
-
-    zrui_pin_result pending;
-    QCOMPARE(zrui_pin_get(conn, &pending), int(ZRUI_E_NORESULT));
-    QCOMPARE(zrui_pin_finish(conn), int(ZRUI_OK));
-    QVERIFY(WindowTitles::waitForNone(pid, verifyTitle));
-    QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
-    QCOMPARE(zrui_begin_session(conn, 0), int(ZRUI_OK));
-    QCOMPARE(zrui_pin_show(conn, 1), int(ZRUI_OK));
-    QVERIFY2(!WindowTitles::waitFor(pid, adminTitle).isEmpty(),
-             qPrintable(WindowTitles::titles(pid).join(" / ")));
-    QCOMPARE(WindowTitles::titles(pid), QStringList{adminTitle});
-
-    closer.dismiss();
-    zrui_close(conn);
-    // Closing the connection hides the dialog.
-    QVERIFY(WindowTitles::waitForNone(pid, adminTitle));
+    for (uint32_t type = 0; type <= 1; ++type) {
+        const QString &title = titles.at(int(type));
+        QCOMPARE(zrui_begin_session(conn, 0), int(ZRUI_OK));
+        QCOMPARE(zrui_pin_show(conn, type), int(ZRUI_OK));
+        QVERIFY2(!WindowTitles::waitFor(pid, title).isEmpty(),
+                 qPrintable(WindowTitles::titles(pid).join(" / ")));
+        QCOMPARE(WindowTitles::titles(pid), QStringList{title});
+        zrui_pin_result pending;
+        QCOMPARE(zrui_pin_get(conn, &pending), int(ZRUI_E_NORESULT));
+        QCOMPARE(zrui_pin_finish(conn), int(ZRUI_OK));
+        QVERIFY(WindowTitles::waitForNone(pid, title));
+        QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
+    }
     server.stop();
 }
 
@@ -257,8 +233,7 @@ void TestLocales::testEveryTranslationHasGlyphs()
         const QString text = plainText(it.value());
         const QString missing = missingGlyphs(text, QApplication::font());
         QVERIFY2(missing.isEmpty(), qPrintable(it.key() + ": no glyph for " + missing));
-        // Not vacuous: the Chinese files are drawn with Han characters (but
-        // for the key faces that stay Latin), the English one without.
+        // Not vacuous: Chinese texts are Han (but for Latin key faces), English not.
         bool han = false;
         for (const QChar c : text)
             han = han || c.script() == QChar::Script_Han;
@@ -275,20 +250,8 @@ void TestLocales::testEveryTranslationHasGlyphs()
     }
 }
 
-bool TestLocales::installLanguage(const QString &tag)
-{
-    translator.reset(new QTranslator);
-    if (!translator->load(QStringLiteral(":/uiserver.%1.qm").arg(tag), QString(), QString(),
-                          QString()))
-        return false;
-    return QCoreApplication::installTranslator(translator.get());
-}
-
-/**
- * What a person would see as wrong in a shown window: a text widget smaller
- * than its text needs, two text widgets on top of each other, a widget
- * outside its window, a character without a glyph.
- */
+// A text widget smaller than its text, two text widgets overlapping, a
+// widget outside its window, a character without a glyph.
 QStringList TestLocales::layoutProblems(QWidget *window)
 {
     QStringList problems;
@@ -307,14 +270,9 @@ QStringList TestLocales::layoutProblems(QWidget *window)
         const QString name = w->objectName() + QStringLiteral(" \"") + text + QLatin1Char('"');
         const QRect inWindow(w->mapTo(window, QPoint(0, 0)), w->size());
         if (!window->rect().contains(inWindow))
-            problems << QStringLiteral("%1 at %2,%3 %4x%5 outside the window %6x%7")
-                                .arg(name)
-                                .arg(inWindow.x())
-                                .arg(inWindow.y())
-                                .arg(inWindow.width())
-                                .arg(inWindow.height())
-                                .arg(window->width())
-                                .arg(window->height());
+            problems << QString::asprintf("%s at %d,%d %s outside the window %s", qPrintable(name),
+                                          inWindow.x(), inWindow.y(), qPrintable(str(w->size())),
+                                          qPrintable(str(window->size())));
         if (text.isEmpty())
             continue;
         const QString missing = missingGlyphs(plainText(text), w->font());
@@ -327,12 +285,7 @@ QStringList TestLocales::layoutProblems(QWidget *window)
         else
             needed = w->sizeHint();
         if (w->width() < needed.width() || w->height() < needed.height())
-            problems << QStringLiteral("%1 is %2x%3, needs %4x%5")
-                                .arg(name)
-                                .arg(w->width())
-                                .arg(w->height())
-                                .arg(needed.width())
-                                .arg(needed.height());
+            problems << name + " is " + str(w->size()) + ", needs " + str(needed);
     }
     for (int i = 0; i < shown.size(); ++i) {
         for (int j = i + 1; j < shown.size(); ++j) {
@@ -353,22 +306,18 @@ void TestLocales::testDialogTextsFit_data()
 {
     QTest::addColumn<QString>("tag");
     QTest::addColumn<DialogFactory>("factory");
-    // Applied after the window is shown, as a person would (opening the
-    // on-screen keyboard, typing a PIN the dialog rejects).
+    // Applied once shown, as a person would: open the keyboard, or type a
+    // rejected PIN ("new PIN|confirm|hint source", confirm empty: no OK).
     QTest::addColumn<QString>("action");
 
-    for (const char *tag : {"en", "zh_CN", "zh_TW"}) {
-        const QString t = QString::fromLatin1(tag);
+    const QString pictures = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
+    for (const QString t : {"en", "zh_CN", "zh_TW"}) {
         for (int kb = 0; kb <= 1; ++kb) {
             for (unsigned long type = 0; type <= 5; ++type) {
                 const DialogFactory pin = [kb, type](FakeUiStatus *s, float scale) -> QWidget * {
                     return new PINDialog(PINDialog::KeyBoardMode(kb), true, type, s, scale);
                 };
-                const QString row
-                        = QStringLiteral("%1 pin%2 %3")
-                                  .arg(t)
-                                  .arg(type)
-                                  .arg(kb ? QStringLiteral("full") : QStringLiteral("simple"));
+                const QString row = t + QStringLiteral(" pin%1 kb%2").arg(type).arg(kb);
                 QTest::newRow(qPrintable(row)) << t << pin << "";
                 QTest::newRow(qPrintable(row + " keyboard")) << t << pin << "keyboard";
             }
@@ -376,63 +325,47 @@ void TestLocales::testDialogTextsFit_data()
         const DialogFactory change = [](FakeUiStatus *s, float scale) -> QWidget * {
             return new PINDialog(PINDialog::FullKeyBoard, true, 2, s, scale);
         };
-        for (const char *action : {"weak-typing", "too-weak", "mismatch", "too-short"})
+        for (const char *action :
+             {"banana||Pin:Weak", "banana|banana|IDC_CUSTOM_PIN_ANNOTATION_2",
+              "a1b2c3|a1b2c4|Please confirm that new USBKey password is entered identiacally!",
+              "Ab1|Ab1|The password must be %1-%2 characters"})
             QTest::newRow(qPrintable(t + " change " + action)) << t << change << action;
 
-        const struct
-        {
-            const char *name;
-            const char *title;
-            const char *message;
-            unsigned long type;
-        } boxes[] = {{"locked", "Title_Warning", "PIN_Locked", 0},
-                     {"full", "Title_Warning", "SPACE_FULL_Hint", 1},
-                     {"retry", "USBKey password error", "There are %1 times remaining", 5},
-                     {"default", "USBKey password error", "Default PIN Is Forbidden", 5}};
-        for (const auto &box : boxes) {
-            const QString title = QString::fromLatin1(box.title);
-            const QString message = QString::fromLatin1(box.message);
-            const unsigned long type = box.type;
-            // The service translates its own texts before it asks for the box.
-            const DialogFactory f
-                    = [title, message, type](FakeUiStatus *s, float scale) -> QWidget * {
-                const bool service = type == 5;
-                const QString shownTitle
-                        = service ? QCoreApplication::translate("FIFO_Service", qPrintable(title))
-                                  : title;
-                QString shownText
-                        = service ? QCoreApplication::translate("FIFO_Service", qPrintable(message))
-                                  : message;
-                if (shownText.contains(QLatin1String("%1")))
-                    shownText = shownText.arg(3);
-                return new MessageDialog(shownTitle, shownText, type, s, scale);
+        // The service translates its own texts (type 5) before it asks for the box.
+        for (const auto &box :
+             {qMakePair(0ul, QStringLiteral("Title_Warning|PIN_Locked")),
+              qMakePair(1ul, QStringLiteral("Title_Warning|SPACE_FULL_Hint")),
+              qMakePair(5ul, QStringLiteral("USBKey password error|There are %1 times remaining")),
+              qMakePair(5ul, QStringLiteral("USBKey password error|Default PIN Is Forbidden"))}) {
+            const QStringList texts = box.second.split('|');
+            const unsigned long type = box.first;
+            const DialogFactory f = [texts, type](FakeUiStatus *s, float scale) -> QWidget * {
+                QStringList shown = texts;
+                for (QString &text : shown) {
+                    if (type == 5)
+                        text = QCoreApplication::translate("FIFO_Service", qPrintable(text));
+                    text.replace(QLatin1String("%1"), QLatin1String("3"));
+                }
+                return new MessageDialog(shown.at(0), shown.at(1), type, s, scale);
             };
-            QTest::newRow(qPrintable(t + " message " + box.name)) << t << f << "";
+            QTest::newRow(qPrintable(t + " message " + box.second)) << t << f << "";
         }
-
         const DialogFactory list = [](FakeUiStatus *s, float scale) -> QWidget * {
             return new CertListDialog(QString::fromUtf8("Signing key 2024\n签名密钥 2025\n"
                                                         "A rather long container name 2026"),
                                       s, scale);
         };
         QTest::newRow(qPrintable(t + " list")) << t << list << "";
-
-        const QString pictures = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
-        for (unsigned long type = 0; type <= 11; ++type) {
+        // Every waiting type's message, and countdowns of the three limits.
+        for (unsigned long type = 0; type <= 14; ++type) {
+            const QString info = type < 12 ? "0=wait.gif" : "0=wait.gif|1=30|2=120|4=9";
+            const unsigned long shownType
+                    = type < 12 ? type : QList<unsigned long>{0, 2, 6}[type - 12];
             const DialogFactory waiting
-                    = [type, pictures](FakeUiStatus *, float scale) -> QWidget * {
-                return new WaitingDialog(QStringLiteral("0=wait.gif"), type, 0, pictures, scale);
+                    = [shownType, info, pictures](FakeUiStatus *, float scale) -> QWidget * {
+                return new WaitingDialog(info, shownType, 0, pictures, scale);
             };
             QTest::newRow(qPrintable(t + " waiting" + QString::number(type))) << t << waiting << "";
-        }
-        for (unsigned long type : {0ul, 2ul, 6ul}) {
-            const DialogFactory countdown
-                    = [type, pictures](FakeUiStatus *, float scale) -> QWidget * {
-                return new WaitingDialog(QStringLiteral("0=wait.gif|1=30|2=120|4=9"), type, 0,
-                                         pictures, scale);
-            };
-            QTest::newRow(qPrintable(t + " countdown" + QString::number(type)))
-                    << t << countdown << "";
         }
     }
 }
@@ -443,7 +376,10 @@ void TestLocales::testDialogTextsFit()
     QFETCH(DialogFactory, factory);
     QFETCH(QString, action);
 
-    QVERIFY(installLanguage(tag));
+    translator.reset(new QTranslator);
+    QVERIFY(translator->load(QStringLiteral(":/uiserver.%1.qm").arg(tag), QString(), QString(),
+                             QString()));
+    QVERIFY(QCoreApplication::installTranslator(translator.get()));
     FakeUiStatus status(6, 16);
     std::unique_ptr<QWidget> dialog(factory(&status, scale));
     dialog->show();
@@ -451,66 +387,46 @@ void TestLocales::testDialogTextsFit()
 
     if (action == QLatin1String("keyboard")) {
         // The first visible keyboard button opens the panel.
-        QToolButton *button = nullptr;
-        for (const char *name : {"toolButtonold_softkeyboard", "toolButtonnew_softkeyboard"}) {
-            auto *b = dialog->findChild<QToolButton *>(QLatin1String(name));
-            if (!button && b && b->isVisible())
-                button = b;
-        }
-        QVERIFY(button);
+        auto *button = dialog->findChild<QToolButton *>("toolButtonold_softkeyboard");
+        if (!button || !button->isVisible())
+            button = dialog->findChild<QToolButton *>("toolButtonnew_softkeyboard");
+        QVERIFY(button && button->isVisible());
         button->click();
         QTRY_VERIFY(
                 dialog->findChild<QWidget *>(QStringLiteral("widget_softkeyboard"))->isVisible());
     } else if (!action.isEmpty()) {
-        auto *oldPin = dialog->findChild<QLineEdit *>(QStringLiteral("lineEdit_oldPin"));
+        const QStringList parts = action.split('|');
         auto *newPin = dialog->findChild<QLineEdit *>(QStringLiteral("lineEdit_newPin"));
         auto *confirm = dialog->findChild<QLineEdit *>(QStringLiteral("lineEdit_confirmPin"));
-        auto *ok = dialog->findChild<QPushButton *>(QStringLiteral("pushButton_OK"));
         auto *comments = dialog->findChild<QLabel *>(QStringLiteral("label_comments"));
-        QVERIFY(oldPin && newPin && confirm && ok && comments);
-        const char *expected = nullptr;
+        auto *oldPin = dialog->findChild<QLineEdit *>(QStringLiteral("lineEdit_oldPin"));
+        QVERIFY(oldPin && newPin && confirm && comments);
         oldPin->setText(QStringLiteral("abc123"));
-        if (action == QLatin1String("weak-typing")) {
-            newPin->setText(QStringLiteral("banana"));
-            expected = "Pin:Weak";
-        } else if (action == QLatin1String("too-weak")) {
-            newPin->setText(QStringLiteral("banana"));
-            confirm->setText(QStringLiteral("banana"));
-            ok->click();
-            expected = "IDC_CUSTOM_PIN_ANNOTATION_2";
-        } else if (action == QLatin1String("mismatch")) {
-            newPin->setText(QStringLiteral("a1b2c3"));
-            confirm->setText(QStringLiteral("a1b2c4"));
-            ok->click();
-            expected = "Please confirm that new USBKey password is entered identiacally!";
-        } else {
-            newPin->setText(QStringLiteral("Ab1"));
-            ok->click();
-            expected = "The password must be %1-%2 characters";
+        newPin->setText(parts.at(0));
+        if (!parts.at(1).isEmpty()) {
+            confirm->setText(parts.at(1));
+            dialog->findChild<QPushButton *>(QStringLiteral("pushButton_OK"))->click();
         }
         // The translated hint, so a missing translation shows here too.
-        QString hint = QCoreApplication::translate("PINDialog", expected);
+        QString hint = QCoreApplication::translate("PINDialog", qPrintable(parts.at(2)));
         if (hint.contains(QLatin1String("%2")))
             hint = hint.arg(6).arg(16);
         QCOMPARE(comments->text(), hint);
         if (tag != QLatin1String("en"))
-            QVERIFY(hint != QLatin1String(expected));
+            QVERIFY(hint != parts.at(2));
     }
-    // Let the layouts settle after the change.
     QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::LayoutRequest);
     QCoreApplication::processEvents();
 
     const QStringList problems = layoutProblems(dialog.get());
     if (!problems.isEmpty()) {
-        const QString out = qEnvironmentVariable("ZRUI_TEST_OUTPUT");
-        QDir().mkpath(out);
-        const QString shot = out + QStringLiteral("/TestLocales-")
+        const QString shot = qEnvironmentVariable("ZRUI_TEST_OUTPUT") + "/TestLocales-"
                              + QString::fromLatin1(QTest::currentDataTag()).replace(' ', '-')
-                             + QStringLiteral(".png");
+                             + ".png";
+        QDir().mkpath(QFileInfo(shot).path());
         dialog->grab().save(shot);
-        QFAIL(qPrintable(problems.join(QStringLiteral("\n  ")) + QStringLiteral("\n  see ")
-                         + shot));
+        QFAIL(qPrintable(problems.join("\n  ") + "\n  see " + shot));
     }
 }
 
