@@ -31,7 +31,7 @@ const char *const expectedStyleSheet
 
 // What distinguishes the two keyboards. Index i of a normal group string and
 // of its shifted string are the two faces of one key.
-struct Spec
+struct KeyboardTraits
 {
     QStringList normal;
     QStringList shifted;
@@ -39,7 +39,7 @@ struct Spec
     QList<QRect> functionRects;
 };
 
-Spec spec(bool simple)
+KeyboardTraits traits(bool simple)
 {
     if (simple)
         return {{digits, letters},
@@ -103,7 +103,7 @@ QByteArray layoutOf(QWidget *kb)
 {
     QByteArray bytes;
     const QVector<const int *> o = orders(kb);
-    const Spec s = spec(isSimple(kb));
+    const KeyboardTraits s = traits(isSimple(kb));
     for (int g = 0; g < o.size(); ++g)
         bytes.append(reinterpret_cast<const char *>(o[g]), int(sizeof(int)) * s.normal[g].size());
     return bytes;
@@ -121,7 +121,7 @@ void shuffle(QWidget *kb) { QVERIFY(QMetaObject::invokeMethod(kb, "randomSoftKey
 QList<QLabel *> characterKeys(QWidget *kb)
 {
     QList<QLabel *> keys;
-    const Spec s = spec(isSimple(kb));
+    const KeyboardTraits s = traits(isSimple(kb));
     for (int g = 0; g < s.normal.size(); ++g)
         for (int i = 0; i < s.normal[g].size(); ++i)
             keys << key(kb, keyName(g, i));
@@ -150,7 +150,7 @@ bool isPermutation(const int *order, int n)
 // entry names in the current shift state.
 bool facesMatchOrders(QWidget *kb)
 {
-    const Spec s = spec(isSimple(kb));
+    const KeyboardTraits s = traits(isSimple(kb));
     const QStringList &map = shiftOn(kb) ? s.shifted : s.normal;
     const QVector<const int *> o = orders(kb);
     for (int g = 0; g < map.size(); ++g) {
@@ -221,7 +221,7 @@ void TestSoftKeyboards::testFormAndMetaObject()
 {
     QFETCH(bool, simple);
     auto kb = make(simple);
-    const Spec s = spec(simple);
+    const KeyboardTraits s = traits(simple);
     QCOMPARE(kb->objectName(), QString(simple ? "SimpleSoftKeyboard" : "SoftKeyboard"));
     QCOMPARE(kb->styleSheet(), QString::fromLatin1(expectedStyleSheet));
     QVERIFY(!shiftOn(kb.get()));
@@ -302,7 +302,7 @@ void TestSoftKeyboards::testGeometry()
     QFETCH(QPoint, probePos);
 
     auto kb = make(simple, scale);
-    const Spec s = spec(simple);
+    const KeyboardTraits s = traits(simple);
     QCOMPARE(kb->size(), keyboardSize);
     QList<QPair<QString, QRect>> base;
     for (int g = 0; g < s.normal.size(); ++g)
@@ -330,7 +330,7 @@ void TestSoftKeyboards::testShuffle()
     QFETCH(bool, simple);
     auto kb = make(simple);
     const int rounds = 5200;
-    const Spec s = spec(simple);
+    const KeyboardTraits s = traits(simple);
     const int groups = s.normal.size();
     QVector<QVector<QVector<int>>> counts(groups, QVector<QVector<int>>(26, QVector<int>(26, 0)));
     for (int round = 0; round < rounds; ++round) {
@@ -431,7 +431,7 @@ void TestSoftKeyboards::testOtherButtonsAndBackground()
     QSignalSpy backspaces(kb.get(), SIGNAL(input_backspace()));
 
     QList<QLabel *> keys = characterKeys(kb.get());
-    for (const QString &name : spec(simple).functionKeys)
+    for (const QString &name : traits(simple).functionKeys)
         keys << key(kb.get(), name);
     for (QLabel *label : keys) {
         MouseRecorder recorder;
@@ -506,12 +506,12 @@ void TestSoftKeyboards::testDoubleClickEmitsOnce()
 
 void TestSoftKeyboards::testShiftFaces()
 {
-    // The shifted faces follow the spec's pairs (digit/symbol, backslash and
+    // The shifted faces follow the US layout's pairs (digit/symbol, backslash and
     // vertical bar; the simple keyboard only capitalises letters), the order
     // is unchanged and a second toggle restores the very same faces.
     QFETCH(bool, simple);
     auto kb = shown(simple);
-    const Spec s = spec(simple);
+    const KeyboardTraits s = traits(simple);
     QLabel *shift = key(kb.get(), "label_shift");
     const QStringList normalFaces = faces(kb.get());
     const QByteArray layout = layoutOf(kb.get());
