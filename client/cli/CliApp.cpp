@@ -274,6 +274,17 @@ QString pinText(const zrui_pin_result &r, bool reveal)
 
 } // namespace
 
+int CliApp::waitForPin(int deadlineMs, bool reveal)
+{
+    zrui_pin_result r;
+    const int code = zrui_pin_wait(conn, deadlineMs, PollMs, &r);
+    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
+              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
+              code == ZRUI_OK ? pinText(r, reveal) : QString());
+    zrui_pin_result_wipe(&r);
+    return code;
+}
+
 int CliApp::cmdPin(const QStringList &args)
 {
     QCommandLineParser p;
@@ -312,13 +323,8 @@ int CliApp::cmdPin(const QStringList &args)
     out->step(QStringLiteral("REQ_PIN_Show type=%1").arg(type), code);
     if (code != ZRUI_OK)
         return cliExitForCode(code);
-    zrui_pin_result r;
-    code = zrui_pin_wait(conn, deadline, PollMs, &r);
     const bool reveal = p.isSet(QStringLiteral("reveal"));
-    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
-              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
-              code == ZRUI_OK ? pinText(r, reveal) : QString());
-    zrui_pin_result_wipe(&r);
+    code = waitForPin(deadline, reveal);
     if (code != ZRUI_OK && code != ZRUI_E_CANCEL && code != ZRUI_E_TIMEOUT)
         return cliExitForCode(code);
     const int fin = zrui_pin_finish(conn);
@@ -368,12 +374,7 @@ int CliApp::cmdRetry(const QStringList &args)
     out->step(QStringLiteral("REQ_PIN_Show type=%1").arg(type), code);
     if (code != ZRUI_OK)
         return cliExitForCode(code);
-    zrui_pin_result r;
-    code = zrui_pin_wait(conn, deadline, PollMs, &r);
-    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
-              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
-              code == ZRUI_OK ? pinText(r, reveal) : QString());
-    zrui_pin_result_wipe(&r);
+    code = waitForPin(deadline, reveal);
     if (code != ZRUI_OK)
         return cliExitForCode(code);
     code = zrui_pin_retry(conn, tries);
@@ -386,11 +387,7 @@ int CliApp::cmdRetry(const QStringList &args)
     }
     if (code != ZRUI_OK)
         return cliExitForCode(code);
-    code = zrui_pin_wait(conn, deadline, PollMs, &r);
-    out->step(QStringLiteral("REQ_PIN_GetPIN"), code,
-              code == ZRUI_OK ? pinJson(r, reveal) : QJsonObject(),
-              code == ZRUI_OK ? pinText(r, reveal) : QString());
-    zrui_pin_result_wipe(&r);
+    code = waitForPin(deadline, reveal);
     if (code != ZRUI_OK && code != ZRUI_E_CANCEL)
         return cliExitForCode(code);
     out->step(QStringLiteral("REQ_PIN_Finish"), zrui_pin_finish(conn));

@@ -41,6 +41,9 @@ private:
     // Ends the session (when still possible) and closes the connection.
     void closeSession();
     int fail(const QString &request, int code);
+    // Polls REQ_PIN_GetPIN until answered and prints the result lengths
+    // (the PINs only with reveal); the result is wiped before returning.
+    int waitForPin(int deadlineMs, bool reveal);
 
     QString server;
     bool json = false;
