@@ -23,6 +23,7 @@
 #include <QTranslator>
 #include <QtTest>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -66,8 +67,6 @@ public:
         });
     }
     ~PendingRequest() { take(); }
-    PendingRequest(const PendingRequest &) = delete;
-    PendingRequest &operator=(const PendingRequest &) = delete;
 
     bool isFinished() const { return finished.load(std::memory_order_acquire); }
 
@@ -108,33 +107,25 @@ void captureMessage(QtMsgType type, const QMessageLogContext &context, const QSt
         g_previousHandler(type, context, message);
 }
 
-// Empty when none of the PIN's forms appears in the log, else the line.
-QString logLineHolding(const QByteArray &pin)
+// No form of the PIN in any logged line.
+void verifyNotLogged(const QByteArray &pin)
 {
     if (pin.isEmpty())
-        return QString();
-    const QString needles[] = {QString::fromUtf8(pin), QString::fromLatin1(pin.toHex()),
-                               QString::fromLatin1(pin.toHex(' '))};
+        return;
     std::lock_guard<std::mutex> lock(g_logMutex);
     for (const QString &line : g_logLines) {
-        for (const QString &needle : needles) {
-            if (line.contains(needle, Qt::CaseInsensitive))
-                return line;
-        }
+        for (const QByteArray &needle : {pin, pin.toHex(), pin.toHex(' ')})
+            QVERIFY2(!line.contains(QString::fromUtf8(needle), Qt::CaseInsensitive),
+                     qPrintable("PIN in the log: " + line));
     }
-    return QString();
 }
 
 QString trPin(const char *source) { return QCoreApplication::translate("PINDialog", source); }
 
 int visibleWindowCount()
 {
-    int count = 0;
-    for (QWidget *w : QApplication::topLevelWidgets()) {
-        if (w->isVisible())
-            ++count;
-    }
-    return count;
+    const QWidgetList all = QApplication::topLevelWidgets();
+    return int(std::count_if(all.cbegin(), all.cend(), [](QWidget *w) { return w->isVisible(); }));
 }
 
 struct PinFields
@@ -153,26 +144,7 @@ struct PinFields
     QPushButton *ok, *cancel;
 };
 
-struct BoxParts
-{
-    explicit BoxParts(QWidget *d)
-        : label(d->findChild<QLabel *>("label_message"))
-        , ok(d->findChild<QPushButton *>("pushButton_OK"))
-        , retry(d->findChild<QPushButton *>("pushButton_Retry"))
-        , cancel(d->findChild<QPushButton *>("pushButton_Cancel"))
-    { }
-    bool complete() const { return label && ok && retry && cancel; }
-    QLabel *label;
-    QPushButton *ok, *retry, *cancel;
-};
-
 } // namespace
-
-#define VERIFY_NOT_LOGGED(pin) \
-    do { \
-        const QString l_ = logLineHolding(pin); \
-        QVERIFY2(l_.isEmpty(), qPrintable("PIN in the log: " + l_)); \
-    } while (0)
 
 #define COMPARE_REPLY(reply, expectedResp, expectedHex) \
     do { \
@@ -182,39 +154,15 @@ struct BoxParts
         QCOMPARE(r_.data.toHex(' '), QByteArray::fromHex(expectedHex).toHex(' ')); \
     } while (0)
 
+enum Submit { ClickOk, ReturnInConfirm, ClickCancel, WindowManagerClose };
+Q_DECLARE_METATYPE(Submit)
+
 class TestDialogRoundTrip : public QObject
 {
     Q_OBJECT
 
-private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void cleanupTestCase();
-
-    void testPinTypedAndConfirmed_data();
-    void testPinTypedAndConfirmed();
-    void testPinInputRefused_data();
-    void testPinInputRefused();
-    void testRetryAfterWrongPin_data();
-    void testRetryAfterWrongPin();
-    void testMessageBox_data();
-    void testMessageBox();
-    void testListSelection_data();
-    void testListSelection();
-    void testListTypeOneWithoutWindow();
-    void testDisconnectHidesWindows();
-
-private:
-    Reply call(quint32 op, const QByteArray &data = QByteArray());
-    bool beginSession();
-    PINDialog *showPinDialog(quint32 type);
-    MessageDialog *waitMessageBox();
-    static bool typeAndConfirm(PINDialog *dialog, const char *oldPin, const char *newPin);
-
     std::unique_ptr<QTemporaryDir> sandbox;
     QString savedCwd;
-    QString resourceFile;
     QByteArray appName;
     QTranslator english;
     QTranslator chinese;
@@ -225,548 +173,509 @@ private:
 
     static constexpr int PIN_MIN = 6;
     static constexpr int PIN_MAX = 16;
-};
 
-void TestDialogRoundTrip::initTestCase()
-{
-    // Socket name = application name + uid: unique per run.
-    QCoreApplication::setApplicationName(
-            QStringLiteral("TestDialogRoundTrip%1x").arg(QCoreApplication::applicationPid()));
-    appName = QCoreApplication::applicationName().toUtf8();
-
-    const QString binDir = qEnvironmentVariable("ZRUI_BIN_DIR");
-    const QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
-    QVERIFY(!binDir.isEmpty());
-    QVERIFY(libDir.endsWith('/'));
-
-    sandbox.reset(new QTemporaryDir());
-    QVERIFY(sandbox->isValid());
-    for (const char *name : {"resources.rcc", "integrityprotect.ini"})
-        QVERIFY2(QFile::copy(binDir + "/" + name, sandbox->filePath(name)), name);
-    for (const auto &file :
-         {qMakePair(QString("ZRUIConf.ini"), "SAFEPATH=" + libDir + "\n"),
-          qMakePair(QString("tokensim.ini"), QByteArray("[pin]\nmin=6\nmax=16\n"
-                                                        "[token]\npresent=1\n"))}) {
-        QFile f(sandbox->filePath(file.first));
-        QVERIFY(f.open(QIODevice::WriteOnly) && f.write(file.second) == file.second.size());
-    }
-    qputenv("ZRTOKENSIM_CONF", QFile::encodeName(sandbox->filePath("tokensim.ini")));
-
-    resourceFile = sandbox->filePath("resources.rcc");
-    QVERIFY(QResource::registerResource(resourceFile, QString()));
-    QVERIFY(english.load(":/uiserver.en.qm", QString(), QString(), QString()));
-    QVERIFY(chinese.load(":/uiserver.zh_CN.qm", QString(), QString(), QString()));
-    QVERIFY(!english.isEmpty());
-    QVERIFY(!chinese.isEmpty());
-    QVERIFY(QCoreApplication::installTranslator(&english));
-
-    savedCwd = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(sandbox->path()));
-    g_previousHandler = qInstallMessageHandler(captureMessage);
-}
-
-void TestDialogRoundTrip::cleanupTestCase()
-{
-    qInstallMessageHandler(g_previousHandler);
+    Reply call(quint32 op, const QByteArray &data = QByteArray())
     {
-        std::lock_guard<std::mutex> lock(g_logMutex);
-        g_logLines.clear();
+        if (!conn)
+            return Reply();
+        PendingRequest request(conn, op, data);
+        request.waitFinished();
+        return request.take();
     }
-    QDir::setCurrent(savedCwd);
-    QCoreApplication::removeTranslator(&english);
-    QResource::unregisterResource(resourceFile, QString());
-    qunsetenv("ZRTOKENSIM_CONF");
-}
 
-void TestDialogRoundTrip::init()
-{
-    // Consume the quit() posted by the previous coordinator's thread.
-    QCoreApplication::sendPostedEvents();
-    QCoreApplication::processEvents();
+    bool beginSession()
     {
-        std::lock_guard<std::mutex> lock(g_logMutex);
-        g_logLines.clear();
-    }
-    ui.reset(new UI_Service(1.0f, nullptr));
-    QVERIFY(ui->service() != nullptr);
-    // A release in the service thread's last act, acquired by cleanup() (for TSan).
-    serviceThreadDone = std::make_shared<std::atomic<bool>>(false);
-    std::shared_ptr<std::atomic<bool>> done = serviceThreadDone;
-    connect(
-            ui->service()->thread(), &QThread::finished, ui->service(),
-            [done]() { done->store(true, std::memory_order_release); }, Qt::DirectConnection);
-    QCOMPARE(ui->GetPINMinLen(), PIN_MIN);
-    QCOMPARE(ui->GetPINMaxLen(), PIN_MAX);
-    const QString socket = QString::fromUtf8(appName) + QString::number(getuid());
-    QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(socket), DEADLINE_MS);
-}
-
-void TestDialogRoundTrip::cleanup()
-{
-    // A failed test may leave the service thread waiting for a box answer.
-    QCoreApplication::processEvents();
-    if (ui && ui->GetMsgStatus() == -1)
-        ui->SetMsgStatus(0);
-    if (conn) {
-        zrui_close(conn);
-        conn = nullptr;
-    }
-    if (ui) {
-        ui->on_pin_dialog_hide();
-        ui->on_waiting_dialog_hide();
-        ui->on_message_dialog_hide();
-        ui->on_list_dialog_hide();
-        if (FIFO_Service *service = ui->service()) {
-            QThread *thread = service->thread();
-            QElapsedTimer clock;
-            clock.start();
-            while (!serviceThreadDone->load(std::memory_order_acquire)
-                   && clock.elapsed() < DEADLINE_MS) {
-                service->StopPipeListening();
-                thread->quit();
-                QTest::qWait(20);
-            }
-            if (!serviceThreadDone->load(std::memory_order_acquire))
-                qWarning("service thread still running after %d ms", DEADLINE_MS);
+        if (zrui_open(appName.constData(), &conn) != ZRUI_OK) {
+            conn = nullptr;
+            return false;
         }
-        ui.reset();
+        const Reply reply = call(REQ_BeginSession, QByteArray(2, '\0') + QByteArray(8, '\0'));
+        return reply.rc == ZRUI_OK && reply.resp == UI_OK && reply.data.isEmpty();
     }
-    if (chineseInstalled) {
-        QCoreApplication::removeTranslator(&chinese);
-        chineseInstalled = false;
+
+    PINDialog *showPinDialog(quint32 type)
+    {
+        const Reply reply = call(REQ_PIN_Show, u32(type));
+        const auto shown = [this]() {
+            return ui->currentPinDialog() && ui->currentPinDialog()->isVisible();
+        };
+        const bool ok = reply.rc == ZRUI_OK && reply.resp == UI_OK && reply.data.isEmpty();
+        return ok && QTest::qWaitFor(shown, DEADLINE_MS) ? ui->currentPinDialog() : nullptr;
     }
-}
 
-Reply TestDialogRoundTrip::call(quint32 op, const QByteArray &data)
-{
-    if (!conn)
-        return Reply();
-    PendingRequest request(conn, op, data);
-    request.waitFinished();
-    return request.take();
-}
-
-bool TestDialogRoundTrip::beginSession()
-{
-    const int rc = zrui_open(appName.constData(), &conn);
-    if (rc != ZRUI_OK) {
-        qWarning("zrui_open: %s", zrui_strerror(rc));
-        conn = nullptr;
-        return false;
-    }
-    const Reply reply = call(REQ_BeginSession, QByteArray(2, '\0') + QByteArray(8, '\0'));
-    return reply.rc == ZRUI_OK && reply.resp == UI_OK && reply.data.isEmpty();
-}
-
-PINDialog *TestDialogRoundTrip::showPinDialog(quint32 type)
-{
-    const Reply reply = call(REQ_PIN_Show, u32(type));
-    if (reply.rc != ZRUI_OK || reply.resp != UI_OK || !reply.data.isEmpty()) {
-        qWarning("REQ_PIN_Show: rc %d resp %u", reply.rc, reply.resp);
-        return nullptr;
-    }
-    if (!QTest::qWaitFor(
-                [this]() { return ui->currentPinDialog() && ui->currentPinDialog()->isVisible(); },
-                DEADLINE_MS))
-        return nullptr;
-    return ui->currentPinDialog();
-}
-
-MessageDialog *TestDialogRoundTrip::waitMessageBox()
-{
-    const auto shown = [this]() {
-        return ui->currentMessageDialog() && ui->currentMessageDialog()->isVisible();
-    };
-    return QTest::qWaitFor(shown, DEADLINE_MS) ? ui->currentMessageDialog() : nullptr;
-}
-
-bool TestDialogRoundTrip::typeAndConfirm(PINDialog *dialog, const char *oldPin, const char *newPin)
-{
-    const PinFields f(dialog);
-    if (!f.complete())
-        return false;
-    QTest::keyClicks(f.oldPin, QString::fromLatin1(oldPin));
-    QTest::keyClicks(f.newPin, QString::fromLatin1(newPin));
-    QTest::keyClicks(f.confirm, QString::fromLatin1(newPin));
-    QTest::mouseClick(f.ok, Qt::LeftButton);
-    return !dialog->isVisible();
-}
-
-enum Submit { ClickOk, ReturnInConfirm, ClickCancel, WindowManagerClose };
-Q_DECLARE_METATYPE(Submit)
-
-void TestDialogRoundTrip::testPinTypedAndConfirmed_data()
-{
-    QTest::addColumn<quint32>("type");
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<QByteArray>("oldPin");
-    QTest::addColumn<QByteArray>("newPin");
-    QTest::addColumn<Submit>("submit");
-    QTest::addColumn<quint32>("resp");
-    QTest::addColumn<QByteArray>("expectedHex");
-
-    QTest::newRow("verify, OK") << 0u << "Verify USBKey password" << QByteArray("aaaaaa")
-                                << QByteArray() << ClickOk << 0u
-                                << QByteArray("06000000 616161616161 00000000");
-    // Typing beyond the maximum from the shared record is cut at 16.
-    QTest::newRow("change, cut at the maximum, Return in the confirm field")
-            << 2u << "Change USBKey password" << QByteArray("123456")
-            << QByteArray("Abcdefgh12345678XYZ") << ReturnInConfirm << 0u
-            << QByteArray("06000000 313233343536 10000000 41626364656667683132333435363738");
-    QTest::newRow("set, OK") << 5u << "Set USBKey password" << QByteArray() << QByteArray("a1b2c3")
-                             << ClickOk << 0u << QByteArray("00000000 06000000 613162326333");
-    QTest::newRow("change, Cancel") << 2u << "Change USBKey password" << QByteArray("aaaaaa")
-                                    << QByteArray("a1b2c3") << ClickCancel << 1u << QByteArray();
-    QTest::newRow("verify, closed by the window manager")
-            << 0u << "Verify USBKey password" << QByteArray("aaaaaa") << QByteArray()
-            << WindowManagerClose << 1u << QByteArray();
-}
-
-void TestDialogRoundTrip::testPinTypedAndConfirmed()
-{
-    QFETCH(quint32, type);
-    QFETCH(QString, title);
-    QFETCH(QByteArray, oldPin);
-    QFETCH(QByteArray, newPin);
-    QFETCH(Submit, submit);
-    QFETCH(quint32, resp);
-    QFETCH(QByteArray, expectedHex);
-
-    QVERIFY(beginSession());
-    QPointer<PINDialog> dialog = showPinDialog(type);
-    QVERIFY(dialog);
-    QCOMPARE(dialog->windowTitle(), trPin(title.toUtf8().constData()));
-    const PinFields f(dialog);
-    QVERIFY(f.complete());
-    QCOMPARE(f.oldPin->isVisible(), !oldPin.isEmpty());
-    QCOMPARE(f.newPin->isVisible(), !newPin.isEmpty());
-    QCOMPARE(f.confirm->isVisible(), !newPin.isEmpty());
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-
-    if (!oldPin.isEmpty())
-        QTest::keyClicks(f.oldPin, QString::fromUtf8(oldPin));
-    if (!newPin.isEmpty()) {
-        QTest::keyClicks(f.newPin, QString::fromUtf8(newPin));
-        QTest::keyClicks(f.confirm, QString::fromUtf8(newPin));
-    }
-    // Typed, but not confirmed.
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-    QVERIFY(dialog->isVisible());
-    switch (submit) {
-    case ClickOk:
-        QTest::mouseClick(f.ok, Qt::LeftButton);
-        break;
-    case ReturnInConfirm:
-        QTest::keyClick(f.confirm, Qt::Key_Return);
-        break;
-    case ClickCancel:
-        QTest::mouseClick(f.cancel, Qt::LeftButton);
-        QVERIFY(dialog.isNull());
-        break;
-    case WindowManagerClose:
-        dialog->close(); // answered from the event loop, once
-        QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull(), DEADLINE_MS);
-        break;
-    }
-    // Accepted: hidden, kept until the session lets it go; asked twice, same answer.
-    if (resp == UI_OK)
-        QVERIFY(dialog && !dialog->isVisible());
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), resp, expectedHex);
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), resp, expectedHex);
-    COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
-    QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull(), DEADLINE_MS);
-    QVERIFY(ui->currentPinDialog() == nullptr);
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-    QCOMPARE(visibleWindowCount(), 0);
-    VERIFY_NOT_LOGGED(oldPin);
-    VERIFY_NOT_LOGGED(newPin.left(PIN_MAX));
-}
-
-void TestDialogRoundTrip::testPinInputRefused_data()
-{
-    QTest::addColumn<QByteArray>("oldPin");
-    QTest::addColumn<QByteArray>("newPin");
-    QTest::addColumn<QByteArray>("confirmPin");
-    QTest::addColumn<QString>("comment");
-    // Field contents after the refusal: old, new, confirm.
-    QTest::addColumn<QStringList>("after");
-
-    QTest::newRow("weak new PIN") << QByteArray("aaaaaa") << QByteArray("banana")
-                                  << QByteArray("banana") << trPin("IDC_CUSTOM_PIN_ANNOTATION_2")
-                                  << QStringList{"aaaaaa", "", ""};
-    QTest::newRow("new PIN confirmed differently")
-            << QByteArray("aaaaaa") << QByteArray("a1b2c3") << QByteArray("a1b2c4")
-            << trPin("Please confirm that new USBKey password is entered identiacally!")
-            << QStringList{"aaaaaa", "", ""};
-    // The old PIN is checked first; the new fields stay as typed.
-    QTest::newRow("old PIN too short")
-            << QByteArray("aaaaa") << QByteArray("a1b2c3") << QByteArray("a1b2c3")
-            << trPin("The password must be %1-%2 characters").arg(PIN_MIN).arg(PIN_MAX)
-            << QStringList{"", "a1b2c3", "a1b2c3"};
-}
-
-void TestDialogRoundTrip::testPinInputRefused()
-{
-    QFETCH(QByteArray, oldPin);
-    QFETCH(QByteArray, newPin);
-    QFETCH(QByteArray, confirmPin);
-    QFETCH(QString, comment);
-    QFETCH(QStringList, after);
-
-    QVERIFY2(comment != QLatin1String("IDC_CUSTOM_PIN_ANNOTATION_2"), "no translation for the key");
-    QVERIFY(beginSession());
-    QPointer<PINDialog> dialog = showPinDialog(2);
-    QVERIFY(dialog);
-    const PinFields f(dialog);
-    QVERIFY(f.complete());
-    QTest::keyClicks(f.oldPin, QString::fromUtf8(oldPin));
-    QTest::keyClicks(f.newPin, QString::fromUtf8(newPin));
-    QTest::keyClicks(f.confirm, QString::fromUtf8(confirmPin));
-    QTest::mouseClick(f.ok, Qt::LeftButton);
-
-    // Refused: still on screen, the reason shown, nothing handed over.
-    QVERIFY(dialog && dialog->isVisible());
-    QCOMPARE(f.comments->text(), comment);
-    QCOMPARE(QStringList({f.oldPin->text(), f.newPin->text(), f.confirm->text()}), after);
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-
-    // The same dialog then takes a good entry.
-    if (f.oldPin->text().isEmpty())
-        QTest::keyClicks(f.oldPin, QStringLiteral("aaaaaa"));
-    if (f.newPin->text().isEmpty()) {
-        QTest::keyClicks(f.newPin, QStringLiteral("a1b2c3"));
-        QTest::keyClicks(f.confirm, QStringLiteral("a1b2c3"));
-    }
-    QTest::mouseClick(f.ok, Qt::LeftButton);
-    QVERIFY(dialog && !dialog->isVisible());
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 616161616161 06000000 613162326333");
-    COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-}
-
-void TestDialogRoundTrip::testRetryAfterWrongPin_data()
-{
-    QTest::addColumn<quint32>("tries");
-    QTest::addColumn<bool>("chineseUi");
-    QTest::addColumn<bool>("retry");
-    // After a cancelled retry: the next request and its response.
-    QTest::addColumn<quint32>("nextOp");
-    QTest::addColumn<quint32>("nextResp");
-
-    QTest::newRow("3 tries left, Retry") << 3u << false << true << 0u << 0u;
-    QTest::newRow("0 tries left, Cancel, then GetPIN refused")
-            << 0u << false << false << quint32(REQ_PIN_GetPIN) << quint32(UI_STATE_ERROR);
-    QTest::newRow("default PIN forbidden, Cancel, then EndSession, zh_CN")
-            << 0xFFFFFFFFu << true << false << quint32(REQ_EndSession) << quint32(UI_OK);
-}
-
-void TestDialogRoundTrip::testRetryAfterWrongPin()
-{
-    QFETCH(quint32, tries);
-    QFETCH(bool, chineseUi);
-    QFETCH(bool, retry);
-    QFETCH(quint32, nextOp);
-    QFETCH(quint32, nextResp);
-
-    if (chineseUi)
-        chineseInstalled = QCoreApplication::installTranslator(&chinese);
-    const auto trService
-            = [](const char *s) { return QCoreApplication::translate("FIFO_Service", s); };
-    const QString expectedText
-            = tries == 0xFFFFFFFFu ? trService("Default PIN Is Forbidden")
-                                   : trService("There are %1 times remaining").arg(qint32(tries));
-
-    QVERIFY(beginSession());
-    QPointer<PINDialog> first = showPinDialog(2);
-    QVERIFY(first);
-    const QString pinTitle = first->windowTitle();
-    QVERIFY(typeAndConfirm(first, "aaaaaa", "a1b2c3"));
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 616161616161 06000000 613162326333");
-
-    // The token said no: the client blocks until the user answers the box.
-    PendingRequest request(conn, REQ_PIN_Retry, u32(tries));
-    QPointer<MessageDialog> box = waitMessageBox();
-    QVERIFY(box);
-    QVERIFY(!request.isFinished());
-    QCOMPARE(box->windowTitle(), trService("USBKey password error"));
-    const BoxParts b(box);
-    QVERIFY(b.complete());
-    QCOMPARE(b.label->text(), expectedText);
-    QVERIFY(b.retry->isVisible() && b.cancel->isVisible() && !b.ok->isVisible());
-    QTest::mouseClick(retry ? b.retry : b.cancel, Qt::LeftButton);
-    QVERIFY(request.waitFinished());
-    COMPARE_REPLY(request.take(), retry ? UI_OK : UI_USER_CANCEL, "");
-    QTRY_VERIFY_WITH_TIMEOUT(box.isNull(), DEADLINE_MS);
-    QVERIFY(ui->currentMessageDialog() == nullptr);
-
-    if (!retry) {
-        COMPARE_REPLY(call(nextOp), nextResp, "");
-        // After a refusal the service has dropped the connection.
-        if (nextResp == UI_STATE_ERROR)
-            QCOMPARE(call(REQ_EndSession).rc, int(ZRUI_E_CLOSED));
-        return;
-    }
-    // A fresh, empty dialog of the same type replaces the hidden one.
-    QTRY_VERIFY_WITH_TIMEOUT(first.isNull() && ui->currentPinDialog()
-                                     && ui->currentPinDialog()->isVisible(),
-                             DEADLINE_MS);
-    QPointer<PINDialog> second = ui->currentPinDialog();
-    QCOMPARE(second->windowTitle(), pinTitle);
-    const PinFields f(second);
-    QVERIFY(f.complete());
-    for (QLineEdit *edit : {f.oldPin, f.newPin, f.confirm})
-        QVERIFY(edit->isVisible() && edit->text().isEmpty());
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-
-    QVERIFY(typeAndConfirm(second, "bbbbbb", "c3d4e5"));
-    COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 626262626262 06000000 633364346535");
-    COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
-    QTRY_VERIFY_WITH_TIMEOUT(second.isNull(), DEADLINE_MS);
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-    VERIFY_NOT_LOGGED(QByteArray("a1b2c3"));
-    VERIFY_NOT_LOGGED(QByteArray("c3d4e5"));
-}
-
-enum BoxAnswer { BoxOk, BoxCancel, BoxClose };
-Q_DECLARE_METATYPE(BoxAnswer)
-
-void TestDialogRoundTrip::testMessageBox_data()
-{
-    QTest::addColumn<quint32>("type");
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QString>("shownTitle");
-    QTest::addColumn<QString>("shownText");
-    QTest::addColumn<BoxAnswer>("answer");
-    // What the box told the coordinator (the client sees 0 either way).
-    QTest::addColumn<int>("status");
-
-    const auto tr = [](const char *s) { return QCoreApplication::translate("MessageDialog", s); };
-    QTest::newRow("notice with keys, OK") << 0u << QByteArray("PIN_Locked") << tr("Title_Warning")
-                                          << tr("PIN_Locked") << BoxOk << 1;
-    QTest::newRow("type 5, Cancel")
-            << 5u << QByteArray("go on?") << tr("Title_Warning") << "go on?" << BoxCancel << 0;
-    QTest::newRow("type 5 closed by the window manager")
-            << 5u << QByteArray("go on?") << tr("Title_Warning") << "go on?" << BoxClose << 0;
-}
-
-void TestDialogRoundTrip::testMessageBox()
-{
-    QFETCH(quint32, type);
-    QFETCH(QByteArray, text);
-    QFETCH(QString, shownTitle);
-    QFETCH(QString, shownText);
-    QFETCH(BoxAnswer, answer);
-    QFETCH(int, status);
-
-    QByteArray data(COMMPACK_MAX_DATA, '\0');
-    uint32_t len = 0;
-    QCOMPARE(zrui_build_message_box(type, "Title_Warning", text.constData(),
-                                    reinterpret_cast<unsigned char *>(data.data()),
-                                    size_t(data.size()), &len),
-             int(ZRUI_OK));
-    data.truncate(int(len));
-
-    QVERIFY(beginSession());
-    for (int round = 0; round < 2; ++round) { // a second box on the same session
-        PendingRequest request(conn, REQ_MessageBox, data);
-        QPointer<MessageDialog> box = waitMessageBox();
-        QVERIFY(box);
+    // Sends a request answered by a message box: while the request waits, the box shows title,
+    // text and OK alone or Retry and Cancel; `button` (empty: the window manager) closes it.
+    void answerBox(quint32 op, const QByteArray &data, const QString &title, const QString &text,
+                   bool okOnly, const QString &button, quint32 resp)
+    {
+        PendingRequest request(conn, op, data);
+        QTRY_VERIFY_WITH_TIMEOUT(
+                ui->currentMessageDialog() && ui->currentMessageDialog()->isVisible(), DEADLINE_MS);
+        QPointer<MessageDialog> box = ui->currentMessageDialog();
         QVERIFY(!request.isFinished());
-        QCOMPARE(box->windowTitle(), shownTitle);
-        const BoxParts b(box);
-        QVERIFY(b.complete());
-        QCOMPARE(b.label->text(), shownText);
-        QCOMPARE(b.ok->isVisible(), type != 5);
-        QCOMPARE(b.retry->isVisible(), type == 5);
-        QCOMPARE(b.cancel->isVisible(), type == 5);
-        if (answer == BoxClose)
-            box->close();
+        QCOMPARE(box->windowTitle(), title);
+        auto *label = box->findChild<QLabel *>("label_message");
+        QVERIFY(label);
+        QCOMPARE(label->text(), text);
+        for (const char *name : {"pushButton_OK", "pushButton_Retry", "pushButton_Cancel"}) {
+            auto *b = box->findChild<QPushButton *>(name);
+            QVERIFY2(b, name);
+            QCOMPARE(b->isVisible(), okOnly == (qstrcmp(name, "pushButton_OK") == 0));
+        }
+        if (!button.isEmpty())
+            QTest::mouseClick(box->findChild<QPushButton *>(button), Qt::LeftButton);
         else
-            QTest::mouseClick(answer == BoxOk ? b.ok : b.cancel, Qt::LeftButton);
+            box->close();
         QVERIFY(request.waitFinished());
-        COMPARE_REPLY(request.take(), UI_OK, "");
-        QCOMPARE(ui->GetMsgStatus(), status);
+        COMPARE_REPLY(request.take(), resp, "");
         QTRY_VERIFY_WITH_TIMEOUT(box.isNull(), DEADLINE_MS);
         QVERIFY(ui->currentMessageDialog() == nullptr);
     }
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-    QCOMPARE(visibleWindowCount(), 0);
-}
 
-void TestDialogRoundTrip::testListSelection_data()
-{
-    QTest::addColumn<QString>("button");
-    QTest::addColumn<quint32>("resp");
-    QTest::addColumn<QByteArray>("expectedHex");
-    QTest::newRow("third entry, OK") << "pushButton_OK" << quint32(UI_OK) << QByteArray("02000000");
-    QTest::newRow("Cancel") << "pushButton_Cancel" << quint32(UI_USER_CANCEL) << QByteArray();
-}
+    // Types the three fields, clicks OK: true when the dialog accepted (hid).
+    static bool typeAndConfirm(PINDialog *dialog, const QByteArray &oldPin,
+                               const QByteArray &newPin, const QByteArray &confirm)
+    {
+        const PinFields f(dialog);
+        if (!f.complete())
+            return false;
+        QTest::keyClicks(f.oldPin, QString::fromUtf8(oldPin));
+        QTest::keyClicks(f.newPin, QString::fromUtf8(newPin));
+        QTest::keyClicks(f.confirm, QString::fromUtf8(confirm));
+        QTest::mouseClick(f.ok, Qt::LeftButton);
+        return !dialog->isVisible();
+    }
 
-void TestDialogRoundTrip::testListSelection()
-{
-    QFETCH(QString, button);
-    QFETCH(quint32, resp);
-    QFETCH(QByteArray, expectedHex);
+private slots:
+    void initTestCase()
+    {
+        // Socket name = application name + uid: unique per run.
+        QCoreApplication::setApplicationName(
+                QStringLiteral("TestDialogRoundTrip%1x").arg(QCoreApplication::applicationPid()));
+        appName = QCoreApplication::applicationName().toUtf8();
 
-    QVERIFY(beginSession());
-    COMPARE_REPLY(call(REQ_List_Show, withText(0, "A\nB\nC")), UI_OK, "");
-    QTRY_VERIFY_WITH_TIMEOUT(ui->currentListDialog() && ui->currentListDialog()->isVisible(),
-                             DEADLINE_MS);
-    QPointer<CertListDialog> list = ui->currentListDialog();
-    auto *combo = list->findChild<QComboBox *>("comboBox_certlist");
-    auto *push = list->findChild<QPushButton *>(button);
-    QVERIFY(combo && push);
-    QCOMPARE(combo->count(), 3);
-    QCOMPARE(combo->currentIndex(), 0);
-    COMPARE_REPLY(call(REQ_List_GetSel), UI_NO_RESULT, "");
-    QTest::keyClick(combo, Qt::Key_Down);
-    QTest::keyClick(combo, Qt::Key_Down);
-    QCOMPARE(combo->currentText(), QStringLiteral("C"));
-    QTest::mouseClick(push, Qt::LeftButton);
-    QVERIFY(list.isNull());
-    QVERIFY(ui->currentListDialog() == nullptr);
-    COMPARE_REPLY(call(REQ_List_GetSel), resp, expectedHex);
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-    QCOMPARE(visibleWindowCount(), 0);
-}
+        const QString binDir = qEnvironmentVariable("ZRUI_BIN_DIR");
+        const QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
+        QVERIFY(!binDir.isEmpty());
+        QVERIFY(libDir.endsWith('/'));
 
-void TestDialogRoundTrip::testListTypeOneWithoutWindow()
-{
-    QVERIFY(beginSession());
-    COMPARE_REPLY(call(REQ_List_Show, withText(1, "A\nB\nC")), UI_OK, "");
-    // Pending until the GUI thread has handled the request, then answered.
-    QTRY_VERIFY_WITH_TIMEOUT(call(REQ_List_GetSel).resp != UI_NO_RESULT, DEADLINE_MS);
-    COMPARE_REPLY(call(REQ_List_GetSel), UI_OK, "ffffffff");
-    QVERIFY(ui->currentListDialog() == nullptr);
-    QCOMPARE(visibleWindowCount(), 0);
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-}
+        sandbox.reset(new QTemporaryDir());
+        QVERIFY(sandbox->isValid());
+        for (const char *name : {"resources.rcc", "integrityprotect.ini"})
+            QVERIFY2(QFile::copy(binDir + "/" + name, sandbox->filePath(name)), name);
+        for (const auto &file :
+             {qMakePair(QString("ZRUIConf.ini"), "SAFEPATH=" + libDir + "\n"),
+              qMakePair(QString("tokensim.ini"), QByteArray("[pin]\nmin=6\nmax=16\n"
+                                                            "[token]\npresent=1\n"))}) {
+            QFile f(sandbox->filePath(file.first));
+            QVERIFY(f.open(QIODevice::WriteOnly) && f.write(file.second) == file.second.size());
+        }
+        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(sandbox->filePath("tokensim.ini")));
 
-void TestDialogRoundTrip::testDisconnectHidesWindows()
-{
-    QVERIFY(beginSession());
-    QPointer<PINDialog> pin = showPinDialog(0);
-    QVERIFY(pin);
-    const PinFields f(pin);
-    QVERIFY(f.complete());
-    QTest::keyClicks(f.oldPin, QStringLiteral("aaaaaa"));
-    COMPARE_REPLY(call(REQ_Waiting_Show, withText(2, "timeout1=30")), UI_OK, "");
-    QTRY_VERIFY_WITH_TIMEOUT(ui->currentWaitingDialog() && ui->currentWaitingDialog()->isVisible(),
-                             DEADLINE_MS);
-    QPointer<WaitingDialog> waiting = ui->currentWaitingDialog();
-    QVERIFY(pin && pin->isVisible());
+        QVERIFY(QResource::registerResource(sandbox->filePath("resources.rcc"), QString()));
+        QVERIFY(english.load(":/uiserver.en.qm", QString(), QString(), QString())
+                && !english.isEmpty());
+        QVERIFY(chinese.load(":/uiserver.zh_CN.qm", QString(), QString(), QString())
+                && !chinese.isEmpty());
+        QVERIFY(QCoreApplication::installTranslator(&english));
 
-    // The middleware goes away without finishing anything.
-    zrui_close(conn);
-    conn = nullptr;
-    QTRY_VERIFY_WITH_TIMEOUT(pin.isNull() && waiting.isNull(), DEADLINE_MS);
-    QVERIFY(ui->currentPinDialog() == nullptr);
-    QVERIFY(ui->currentWaitingDialog() == nullptr);
-    QCOMPARE(visibleWindowCount(), 0);
-    // The service takes the next client.
-    QVERIFY(beginSession());
-    COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-}
+        savedCwd = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(sandbox->path()));
+        g_previousHandler = qInstallMessageHandler(captureMessage);
+    }
+
+    void cleanupTestCase()
+    {
+        qInstallMessageHandler(g_previousHandler);
+        QDir::setCurrent(savedCwd);
+    }
+
+    void init()
+    {
+        // Consume the quit() posted by the previous coordinator's thread.
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+        {
+            std::lock_guard<std::mutex> lock(g_logMutex);
+            g_logLines.clear();
+        }
+        ui.reset(new UI_Service(1.0f, nullptr));
+        QVERIFY(ui->service() != nullptr);
+        // A release in the service thread's last act, acquired by cleanup() (for TSan).
+        serviceThreadDone = std::make_shared<std::atomic<bool>>(false);
+        std::shared_ptr<std::atomic<bool>> done = serviceThreadDone;
+        connect(
+                ui->service()->thread(), &QThread::finished, ui->service(),
+                [done]() { done->store(true, std::memory_order_release); }, Qt::DirectConnection);
+        QCOMPARE(ui->GetPINMinLen(), PIN_MIN);
+        QCOMPARE(ui->GetPINMaxLen(), PIN_MAX);
+        const QString socket = QString::fromUtf8(appName) + QString::number(getuid());
+        QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(socket), DEADLINE_MS);
+    }
+
+    void cleanup()
+    {
+        // A failed test may leave the service thread waiting for a box answer.
+        QCoreApplication::processEvents();
+        if (ui && ui->GetMsgStatus() == -1)
+            ui->SetMsgStatus(0);
+        if (conn) {
+            zrui_close(conn);
+            conn = nullptr;
+        }
+        if (ui) {
+            ui->on_pin_dialog_hide();
+            ui->on_waiting_dialog_hide();
+            ui->on_message_dialog_hide();
+            ui->on_list_dialog_hide();
+            if (FIFO_Service *service = ui->service()) {
+                QThread *thread = service->thread();
+                QElapsedTimer clock;
+                clock.start();
+                while (!serviceThreadDone->load(std::memory_order_acquire)
+                       && clock.elapsed() < DEADLINE_MS) {
+                    service->StopPipeListening();
+                    thread->quit();
+                    QTest::qWait(20);
+                }
+                if (!serviceThreadDone->load(std::memory_order_acquire))
+                    qWarning("service thread still running after %d ms", DEADLINE_MS);
+            }
+            ui.reset();
+        }
+        if (chineseInstalled) {
+            QCoreApplication::removeTranslator(&chinese);
+            chineseInstalled = false;
+        }
+    }
+
+    void testPinTypedAndConfirmed_data()
+    {
+        QTest::addColumn<quint32>("type");
+        QTest::addColumn<QString>("title");
+        QTest::addColumn<QByteArray>("oldPin");
+        QTest::addColumn<QByteArray>("newPin");
+        QTest::addColumn<Submit>("submit");
+        QTest::addColumn<quint32>("resp");
+        QTest::addColumn<QByteArray>("expectedHex");
+
+        QTest::newRow("verify, OK")
+                << 0u << "Verify USBKey password" << QByteArray("aaaaaa") << QByteArray() << ClickOk
+                << 0u << QByteArray("06000000 616161616161 00000000");
+        // Typing beyond the maximum from the shared record is cut at 16.
+        QTest::newRow("change, cut at the maximum, Return in the confirm field")
+                << 2u << "Change USBKey password" << QByteArray("123456")
+                << QByteArray("Abcdefgh12345678XYZ") << ReturnInConfirm << 0u
+                << QByteArray("06000000 313233343536 10000000 41626364656667683132333435363738");
+        QTest::newRow("set, OK") << 5u << "Set USBKey password" << QByteArray()
+                                 << QByteArray("a1b2c3") << ClickOk << 0u
+                                 << QByteArray("00000000 06000000 613162326333");
+        QTest::newRow("change, Cancel")
+                << 2u << "Change USBKey password" << QByteArray("aaaaaa") << QByteArray("a1b2c3")
+                << ClickCancel << 1u << QByteArray();
+        QTest::newRow("verify, closed by the window manager")
+                << 0u << "Verify USBKey password" << QByteArray("aaaaaa") << QByteArray()
+                << WindowManagerClose << 1u << QByteArray();
+    }
+
+    void testPinTypedAndConfirmed()
+    {
+        QFETCH(quint32, type);
+        QFETCH(QString, title);
+        QFETCH(QByteArray, oldPin);
+        QFETCH(QByteArray, newPin);
+        QFETCH(Submit, submit);
+        QFETCH(quint32, resp);
+        QFETCH(QByteArray, expectedHex);
+
+        QVERIFY(beginSession());
+        QPointer<PINDialog> dialog = showPinDialog(type);
+        QVERIFY(dialog);
+        QCOMPARE(dialog->windowTitle(), trPin(title.toUtf8().constData()));
+        const PinFields f(dialog);
+        QVERIFY(f.complete());
+        QCOMPARE(f.oldPin->isVisible(), !oldPin.isEmpty());
+        QCOMPARE(f.newPin->isVisible(), !newPin.isEmpty());
+        QCOMPARE(f.confirm->isVisible(), !newPin.isEmpty());
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
+
+        QTest::keyClicks(f.oldPin, QString::fromUtf8(oldPin)); // nothing when empty
+        QTest::keyClicks(f.newPin, QString::fromUtf8(newPin));
+        QTest::keyClicks(f.confirm, QString::fromUtf8(newPin));
+        // Typed, but not confirmed.
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
+        QVERIFY(dialog->isVisible());
+        switch (submit) {
+        case ClickOk:
+            QTest::mouseClick(f.ok, Qt::LeftButton);
+            break;
+        case ReturnInConfirm:
+            QTest::keyClick(f.confirm, Qt::Key_Return);
+            break;
+        case ClickCancel:
+            QTest::mouseClick(f.cancel, Qt::LeftButton);
+            QVERIFY(dialog.isNull());
+            break;
+        case WindowManagerClose:
+            dialog->close(); // answered from the event loop, once
+            QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull(), DEADLINE_MS);
+            break;
+        }
+        // Accepted: hidden, kept until the session lets it go; asked twice, same answer.
+        if (resp == UI_OK)
+            QVERIFY(dialog && !dialog->isVisible());
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), resp, expectedHex);
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), resp, expectedHex);
+        COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
+        QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull(), DEADLINE_MS);
+        QVERIFY(ui->currentPinDialog() == nullptr);
+        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        QCOMPARE(visibleWindowCount(), 0);
+        verifyNotLogged(oldPin);
+        verifyNotLogged(newPin.left(PIN_MAX));
+    }
+
+    void testPinInputRefused_data()
+    {
+        QTest::addColumn<QByteArray>("oldPin");
+        QTest::addColumn<QByteArray>("newPin");
+        QTest::addColumn<QByteArray>("confirmPin");
+        QTest::addColumn<QString>("comment");
+        // Field contents after the refusal: old, new, confirm.
+        QTest::addColumn<QStringList>("after");
+
+        QTest::newRow("weak new PIN")
+                << QByteArray("aaaaaa") << QByteArray("banana") << QByteArray("banana")
+                << trPin("IDC_CUSTOM_PIN_ANNOTATION_2") << QStringList{"aaaaaa", "", ""};
+        QTest::newRow("new PIN confirmed differently")
+                << QByteArray("aaaaaa") << QByteArray("a1b2c3") << QByteArray("a1b2c4")
+                << trPin("Please confirm that new USBKey password is entered identiacally!")
+                << QStringList{"aaaaaa", "", ""};
+        // The old PIN is checked first; the new fields stay as typed.
+        QTest::newRow("old PIN too short")
+                << QByteArray("aaaaa") << QByteArray("a1b2c3") << QByteArray("a1b2c3")
+                << trPin("The password must be %1-%2 characters").arg(PIN_MIN).arg(PIN_MAX)
+                << QStringList{"", "a1b2c3", "a1b2c3"};
+    }
+
+    void testPinInputRefused()
+    {
+        QFETCH(QByteArray, oldPin);
+        QFETCH(QByteArray, newPin);
+        QFETCH(QByteArray, confirmPin);
+        QFETCH(QString, comment);
+        QFETCH(QStringList, after);
+
+        QVERIFY2(comment != QLatin1String("IDC_CUSTOM_PIN_ANNOTATION_2"),
+                 "no translation for the key");
+        QVERIFY(beginSession());
+        QPointer<PINDialog> dialog = showPinDialog(2);
+        QVERIFY(dialog);
+        QVERIFY(!typeAndConfirm(dialog, oldPin, newPin, confirmPin));
+        const PinFields f(dialog);
+
+        // Refused: still on screen, the reason shown, nothing handed over.
+        QVERIFY(dialog && dialog->isVisible());
+        QCOMPARE(f.comments->text(), comment);
+        QCOMPARE(QStringList({f.oldPin->text(), f.newPin->text(), f.confirm->text()}), after);
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
+
+        // The same dialog then takes a good entry.
+        for (QLineEdit *edit : {f.oldPin, f.newPin, f.confirm})
+            edit->clear();
+        QVERIFY(typeAndConfirm(dialog, "aaaaaa", "a1b2c3", "a1b2c3"));
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 616161616161 06000000 613162326333");
+        COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
+        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+    }
+
+    void testRetryAfterWrongPin_data()
+    {
+        QTest::addColumn<quint32>("tries");
+        QTest::newRow("3 tries left, Retry") << 3u;
+        QTest::newRow("0 tries left, Cancel, then GetPIN refused") << 0u;
+        QTest::newRow("default PIN forbidden, Cancel, then EndSession, zh_CN") << 0xFFFFFFFFu;
+    }
+
+    void testRetryAfterWrongPin()
+    {
+        QFETCH(quint32, tries);
+        const bool retry = tries == 3;
+        if (tries == 0xFFFFFFFFu)
+            chineseInstalled = QCoreApplication::installTranslator(&chinese);
+        const auto trService
+                = [](const char *s) { return QCoreApplication::translate("FIFO_Service", s); };
+        const QString expectedText
+                = tries == 0xFFFFFFFFu
+                          ? trService("Default PIN Is Forbidden")
+                          : trService("There are %1 times remaining").arg(qint32(tries));
+
+        QVERIFY(beginSession());
+        QPointer<PINDialog> first = showPinDialog(2);
+        QVERIFY(first);
+        const QString pinTitle = first->windowTitle();
+        QVERIFY(typeAndConfirm(first, "aaaaaa", "a1b2c3", "a1b2c3"));
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 616161616161 06000000 613162326333");
+
+        // The token said no: the client blocks until the user answers the box.
+        answerBox(REQ_PIN_Retry, u32(tries), trService("USBKey password error"), expectedText,
+                  false, retry ? "pushButton_Retry" : "pushButton_Cancel",
+                  retry ? UI_OK : UI_USER_CANCEL);
+        if (QTest::currentTestFailed())
+            return;
+
+        if (tries == 0) { // after Cancel: GetPIN refused, the connection dropped
+            COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_STATE_ERROR, "");
+            QCOMPARE(call(REQ_EndSession).rc, int(ZRUI_E_CLOSED));
+            return;
+        }
+        if (!retry) { // after Cancel: EndSession taken
+            COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+            return;
+        }
+        // A fresh, empty dialog of the same type replaces the hidden one.
+        QTRY_VERIFY_WITH_TIMEOUT(first.isNull() && ui->currentPinDialog()
+                                         && ui->currentPinDialog()->isVisible(),
+                                 DEADLINE_MS);
+        QPointer<PINDialog> second = ui->currentPinDialog();
+        QCOMPARE(second->windowTitle(), pinTitle);
+        const PinFields f(second);
+        QVERIFY(f.complete());
+        for (QLineEdit *edit : {f.oldPin, f.newPin, f.confirm})
+            QVERIFY(edit->isVisible() && edit->text().isEmpty());
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
+
+        QVERIFY(typeAndConfirm(second, "bbbbbb", "c3d4e5", "c3d4e5"));
+        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 626262626262 06000000 633364346535");
+        COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
+        QTRY_VERIFY_WITH_TIMEOUT(second.isNull(), DEADLINE_MS);
+        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        verifyNotLogged(QByteArray("a1b2c3"));
+        verifyNotLogged(QByteArray("c3d4e5"));
+    }
+
+    void testMessageBox_data()
+    {
+        QTest::addColumn<quint32>("type");
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("shownText");
+        QTest::addColumn<QString>("button"); // empty: closed by the window manager
+        // What the box told the coordinator (the client sees 0 either way).
+        QTest::addColumn<int>("status");
+
+        const auto tr
+                = [](const char *s) { return QCoreApplication::translate("MessageDialog", s); };
+        QTest::newRow("notice with keys, OK")
+                << 0u << QByteArray("PIN_Locked") << tr("PIN_Locked") << "pushButton_OK" << 1;
+        QTest::newRow("type 5, Cancel") << 5u << QByteArray("go on?") << "go on?"
+                                        << "pushButton_Cancel" << 0;
+        QTest::newRow("type 5 closed by the window manager")
+                << 5u << QByteArray("go on?") << "go on?" << QString() << 0;
+    }
+
+    void testMessageBox()
+    {
+        QFETCH(quint32, type);
+        QFETCH(QByteArray, text);
+        const auto tr
+                = [](const char *s) { return QCoreApplication::translate("MessageDialog", s); };
+        QFETCH(QString, shownText);
+        QFETCH(QString, button);
+        QFETCH(int, status);
+
+        QByteArray data(COMMPACK_MAX_DATA, '\0');
+        uint32_t len = 0;
+        QCOMPARE(zrui_build_message_box(type, "Title_Warning", text.constData(),
+                                        reinterpret_cast<unsigned char *>(data.data()),
+                                        size_t(data.size()), &len),
+                 int(ZRUI_OK));
+        data.truncate(int(len));
+
+        QVERIFY(beginSession());
+        for (int round = 0; round < 2; ++round) { // a second box on the same session
+            answerBox(REQ_MessageBox, data, tr("Title_Warning"), shownText, type != 5, button,
+                      UI_OK);
+            if (QTest::currentTestFailed())
+                return;
+            QCOMPARE(ui->GetMsgStatus(), status);
+        }
+        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        QCOMPARE(visibleWindowCount(), 0);
+    }
+
+    void testListSelection_data()
+    {
+        QTest::addColumn<quint32>("listType");
+        QTest::addColumn<QString>("button");
+        QTest::addColumn<quint32>("resp");
+        QTest::addColumn<QByteArray>("expectedHex");
+        QTest::newRow("third entry, OK")
+                << 0u << "pushButton_OK" << quint32(UI_OK) << QByteArray("02000000");
+        QTest::newRow("Cancel") << 0u << "pushButton_Cancel" << quint32(UI_USER_CANCEL)
+                                << QByteArray();
+        QTest::newRow("type 1, no window") << 1u << "" << quint32(UI_OK) << QByteArray("ffffffff");
+    }
+
+    void testListSelection()
+    {
+        QFETCH(quint32, listType);
+        QFETCH(QString, button);
+        QFETCH(quint32, resp);
+        QFETCH(QByteArray, expectedHex);
+
+        QVERIFY(beginSession());
+        COMPARE_REPLY(call(REQ_List_Show, withText(listType, "A\nB\nC")), UI_OK, "");
+        if (listType == 1) {
+            // Pending until the GUI thread has handled the request, then answered.
+            QTRY_VERIFY_WITH_TIMEOUT(call(REQ_List_GetSel).resp != UI_NO_RESULT, DEADLINE_MS);
+        } else {
+            QTRY_VERIFY_WITH_TIMEOUT(
+                    ui->currentListDialog() && ui->currentListDialog()->isVisible(), DEADLINE_MS);
+            QPointer<CertListDialog> list = ui->currentListDialog();
+            auto *combo = list->findChild<QComboBox *>("comboBox_certlist");
+            auto *push = list->findChild<QPushButton *>(button);
+            QVERIFY(combo && push);
+            QCOMPARE(combo->count(), 3);
+            QCOMPARE(combo->currentIndex(), 0);
+            COMPARE_REPLY(call(REQ_List_GetSel), UI_NO_RESULT, "");
+            QTest::keyClick(combo, Qt::Key_Down);
+            QTest::keyClick(combo, Qt::Key_Down);
+            QCOMPARE(combo->currentText(), QStringLiteral("C"));
+            QTest::mouseClick(push, Qt::LeftButton);
+            QVERIFY(list.isNull());
+        }
+        QVERIFY(ui->currentListDialog() == nullptr);
+        QCOMPARE(visibleWindowCount(), 0);
+        COMPARE_REPLY(call(REQ_List_GetSel), resp, expectedHex);
+        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+    }
+
+    void testDisconnectHidesWindows()
+    {
+        QVERIFY(beginSession());
+        QPointer<PINDialog> pin = showPinDialog(0);
+        QVERIFY(pin);
+        const PinFields f(pin);
+        QVERIFY(f.complete());
+        QTest::keyClicks(f.oldPin, QStringLiteral("aaaaaa"));
+        COMPARE_REPLY(call(REQ_Waiting_Show, withText(2, "timeout1=30")), UI_OK, "");
+        QTRY_VERIFY_WITH_TIMEOUT(
+                ui->currentWaitingDialog() && ui->currentWaitingDialog()->isVisible(), DEADLINE_MS);
+        QPointer<WaitingDialog> waiting = ui->currentWaitingDialog();
+        QVERIFY(pin && pin->isVisible());
+
+        // The middleware goes away without finishing anything.
+        zrui_close(conn);
+        conn = nullptr;
+        QTRY_VERIFY_WITH_TIMEOUT(pin.isNull() && waiting.isNull(), DEADLINE_MS);
+        QVERIFY(ui->currentPinDialog() == nullptr);
+        QVERIFY(ui->currentWaitingDialog() == nullptr);
+        QCOMPARE(visibleWindowCount(), 0);
+        // The service takes the next client.
+        QVERIFY(beginSession());
+        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+    }
+};
 
 QTEST_MAIN(TestDialogRoundTrip)
 #include "TestDialogRoundTrip.moc"
