@@ -145,6 +145,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
             SLOT(on_pin_dialog_show(unsigned long)), Qt::AutoConnection);
     connect(fifoService, SIGNAL(hide_pin_dialog()), this, SLOT(on_pin_dialog_hide()),
             Qt::AutoConnection);
+    connect(fifoService, SIGNAL(hide_list_dialog()), this, SLOT(on_list_dialog_hide()),
+            Qt::AutoConnection);
+    connect(fifoService, SIGNAL(hide_message_dialog()), this, SLOT(on_message_dialog_hide()),
+            Qt::AutoConnection);
 
     if (protectedSettings->contains("UIServer/keepaliveseconds")) {
         const int keepAlive = protectedSettings->value("UIServer/keepaliveseconds").toInt();
