@@ -8,11 +8,14 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFileInfo>
+#include <QElapsedTimer>
 #include <QMetaObject>
+#include <QSettings>
 
 #include <cerrno>
 #include <cstring>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -28,6 +31,17 @@ namespace {
 // Size of sockaddr_un on Linux: 2 bytes of family and 108 of path.
 constexpr unsigned int kAddrSize = sizeof(sockaddr_un);
 static_assert(kAddrSize == 110, "sockaddr_un is expected to be 110 bytes");
+
+// Deliberate departure: one client must not hold the service. A request
+// that has begun must be complete within this time, and a response must be
+// taken within it.
+constexpr int kRequestCompleteMs = 5000;
+// How often an idle connection re-checks whether one of its windows is up
+// (the user answers without the client sending anything).
+constexpr int kIdleStepMs = 250;
+// A message-box client that left: the wait ends without an answer.
+constexpr int kMsgClientGone = -3;
+constexpr int kDefaultIdleSeconds = 60;
 
 quint32 readU32(const void *pack, int offset)
 {
@@ -86,7 +100,15 @@ FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *par
     , m_hDev(0)
     , m_hContext(0)
     , m_settings(settings)
-{ }
+{
+    // Read here, in the creating thread: the settings object is not shared
+    // with the service thread.
+    if (m_settings) {
+        bool ok = false;
+        const int idle = m_settings->value("UIServer/idleseconds", kDefaultIdleSeconds).toInt(&ok);
+        m_idleSeconds = ok && idle >= 1 ? idle : kDefaultIdleSeconds;
+    }
+}
 
 // Closes nothing: the accept loop has released the sockets and handles
 // before it returned.
@@ -194,7 +216,15 @@ void FIFO_Service::ServeConnection(int fd)
     m_hDev = 0;
     m_allowedOps.clear();
     m_allowedOps.insert(REQ_BeginSession);
+    m_pinOpen = m_listOpen = m_waitingOpen = false;
+    m_sendStalled = false;
     m_sock = fd;
+
+    // A client that stops reading must not block the service in send().
+    timeval sendTimeout;
+    sendTimeout.tv_sec = kRequestCompleteMs / 1000;
+    sendTimeout.tv_usec = 0;
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
 
     for (;;) {
         memset(recvPack, 0, sizeof recvPack);
@@ -210,6 +240,11 @@ void FIFO_Service::ServeConnection(int fd)
         }
         if (!HandleClientRequest(recvPack)) {
             qDebug() << "HandleClientRequest() failed";
+            emit pipe_comm_failed();
+            break;
+        }
+        if (m_sendStalled) {
+            qDebug() << "client does not take its responses, connection closed";
             emit pipe_comm_failed();
             break;
         }
@@ -313,6 +348,8 @@ int FIFO_Service::SendBuff(void *pdata, int datalen)
     // One system call, no retry, no EINTR loop. MSG_NOSIGNAL: a client that
     // leaves before reading its answer must not kill the process by SIGPIPE.
     const int writelen = int(send(m_sock, pdata, size_t(datalen < 0 ? 0 : datalen), MSG_NOSIGNAL));
+    if (writelen < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        m_sendStalled = true;
     if (holdsPin)
         explicit_bzero(bytes + COMMPACK_HEADER_SIZE, size_t(datalen - COMMPACK_HEADER_SIZE));
     qDebug() << "SendBuff: Sended writelen=" << writelen;
@@ -354,7 +391,11 @@ bool FIFO_Service::RecvPack(void *pReqData)
     const auto *hdr = static_cast<const COMMPACK *>(pReqData);
 
     qDebug() << "RecvPack: RecvBuff......";
+    if (!waitForRequest())
+        return false;
     int recvLen = RecvBuff(buf, COMMPACK_MAX_SIZE);
+    QElapsedTimer begun;
+    begun.start();
     qDebug() << "RecvPack: RecvBuff recvLen=" << recvLen
              << ", sizeof(COMMPACK)=" << sizeof(COMMPACK)
              << ", ((PCOMMPACK)pReqData)->datalen=" << hdr->datalen;
@@ -367,6 +408,17 @@ bool FIFO_Service::RecvPack(void *pReqData)
 
     while (quint64(hdr->datalen) + COMMPACK_HEADER_SIZE > rcount) {
         qDebug() << "RecvPack: RecvBuff rcount=" << rcount;
+        // Deliberate departure: the rest of a begun request has a deadline.
+        pollfd pfd = {m_sock, POLLIN, 0};
+        int ready;
+        do {
+            const qint64 left = kRequestCompleteMs - begun.elapsed();
+            ready = left > 0 ? poll(&pfd, 1, int(left)) : 0;
+        } while (ready < 0 && errno == EINTR);
+        if (ready == 0) {
+            qDebug("request not complete within %d ms, connection closed", kRequestCompleteMs);
+            return false;
+        }
         recvLen = RecvBuff(buf + rcount, int(COMMPACK_MAX_SIZE - rcount));
         qDebug() << "RecvPack: RecvBuff recvLen=" << recvLen;
         if (recvLen < 1)
@@ -395,16 +447,81 @@ bool FIFO_Service::SendResp(unsigned long resp, void *data, unsigned long datale
     return SendBuff(sendPack, int(COMMPACK_HEADER_SIZE + hdr->datalen)) > 0;
 }
 
+/**
+ * Waits in 200 ms steps for the user's answer to the message box. The
+ * client waits for its response while the user decides; a client that
+ * leaves meanwhile (hang-up seen on the socket) ends the wait: the box is
+ * closed as Cancel and kMsgClientGone returned.
+ */
 int FIFO_Service::waitForMessageAnswer(UiStatusHandler *ui)
 {
-    // No time limit and no way for the client to interrupt: the client waits
-    // for its response while the user decides.
     int status;
     while ((status = ui->GetMsgStatus()) == -1) {
         qDebug() << "wait for the message answer, msgStatus=" << status;
-        usleep(200000);
+        // Deliberate departure: the step also watches for the client leaving.
+        pollfd pfd = {m_sock, POLLRDHUP, 0};
+        if (poll(&pfd, 1, 200) > 0 && (pfd.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+            qDebug() << "client gone while waiting for the message answer, message closed";
+            emit hide_message_dialog();
+            return kMsgClientGone;
+        }
     }
     return status;
+}
+
+/**
+ * A window of this connection is up: the waiting window (the token is busy),
+ * or a PIN or list dialog the user has not answered yet.
+ */
+bool FIFO_Service::windowOpen() const
+{
+    if (m_waitingOpen)
+        return true;
+    UiStatusHandler *ui = statusHandler();
+    if (!ui)
+        return false;
+    if (m_pinOpen) {
+        unsigned char *pin = nullptr;
+        unsigned long pinLen = 0;
+        if (ui->GetPINStatus(&pin, &pinLen) == -1)
+            return true;
+    }
+    if (m_listOpen) {
+        int status = -1;
+        int index = 0;
+        ui->GetListSelectStatus(status, index);
+        if (status == -1)
+            return true;
+    }
+    return false;
+}
+
+/**
+ * Waits until the next request begins (or the socket reports an end, which
+ * the read then sees). Deliberate departure: false when the connection sent
+ * nothing for m_idleSeconds while none of its windows was open; it then ends
+ * as if the client had closed it.
+ */
+bool FIFO_Service::waitForRequest()
+{
+    if (m_sock < 0)
+        return true;
+    const qint64 idleMs = qint64(m_idleSeconds) * 1000;
+    QElapsedTimer idle;
+    idle.start();
+    for (;;) {
+        if (windowOpen())
+            idle.restart();
+        const qint64 left = idleMs - idle.elapsed();
+        if (left <= 0) {
+            qDebug("connection idle for %d s with no window open, closed", m_idleSeconds);
+            return false;
+        }
+        pollfd pfd = {m_sock, POLLIN, 0};
+        const int ready = poll(&pfd, 1, int(qMin<qint64>(left, kIdleStepMs)));
+        if (ready > 0 || (ready < 0 && errno != EINTR))
+            return true;
+    }
 }
 
 /**
@@ -458,6 +575,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_BeginSession;
+        // Nothing of the session can be asked for any more.
+        m_pinOpen = m_listOpen = m_waitingOpen = false;
         qDebug() << "Service will auto exit after keepaliveseconds...";
         emit startExitTimer();
         return true;
@@ -467,6 +586,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         ui->SetPINStatus(-1, nullptr, 0);
         qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << pintype << ")";
         emit show_pin_dialog(pintype);
+        m_pinOpen = true;
         m_allowedOps.clear();
         m_allowedOps << REQ_PIN_GetPIN << REQ_Waiting_Show;
         SendResp(UI_OK, nullptr, 0);
@@ -504,6 +624,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
             emit show_message_dialog(title, tr("There are %1 times remaining").arg(qint32(tries)),
                                      REQ_PIN_Retry);
         const int status = waitForMessageAnswer(ui);
+        if (status == kMsgClientGone)
+            return false;
         // The response goes out before the new state is set and before the
         // PIN dialog comes back.
         if (status == 1) {
@@ -527,6 +649,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
     case REQ_PIN_Finish:
         qDebug() << "REQ_PIN_Finish";
         emit hide_pin_dialog();
+        m_pinOpen = false;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_MessageBox << REQ_EndSession;
@@ -537,6 +660,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         const QString text = readString(reqPack, 12);
         qDebug() << text;
         emit show_waiting_dialog(text, type);
+        m_waitingOpen = true;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_Reserved_8 << REQ_Waiting_Finish;
@@ -545,6 +669,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
     case REQ_Waiting_Finish:
         qDebug() << "REQ_Waiting_Finish";
         emit hide_waiting_dialog();
+        m_waitingOpen = false;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_PIN_Retry << REQ_PIN_Finish << REQ_EndSession;
@@ -556,6 +681,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         qDebug() << text;
         ui->SetListSelectStatus(-1, 0);
         emit show_list_dialog(param, text);
+        // Only type 0 shows a window; the others answer (or not) at once.
+        m_listOpen = param == 0;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_List_GetSel;
@@ -566,6 +693,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         int status = -1;
         int index = 0;
         ui->GetListSelectStatus(status, index);
+        if (status == 0 || status == 1)
+            m_listOpen = false;
         if (status == 0) {
             SendResp(UI_USER_CANCEL, nullptr, 0);
         } else if (status == 1) {
@@ -589,6 +718,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         ui->SetMsgStatus(-1);
         emit show_message_dialog(title, text, type);
         const int status = waitForMessageAnswer(ui);
+        if (status == kMsgClientGone)
+            return false;
         // Confirm and cancel are deliberately not told apart.
         SendResp(unsigned(status) < 2 ? UI_OK : UI_NO_RESULT, nullptr, 0);
         m_allowedOps.clear();

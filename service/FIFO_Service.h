@@ -70,7 +70,21 @@ private:
     // sender redacts the hex dump and wipes the bytes after the write.
     bool m_sendHoldsPin = false;
 
+    // Seconds a connection may send nothing while none of its windows is
+    // open ("UIServer/idleseconds", read once in the constructor).
+    int m_idleSeconds = 60;
+    // The windows this connection has open, as its requests tell: the PIN
+    // dialog from REQ_PIN_Show to REQ_PIN_Finish, the list until its answer
+    // was delivered, the waiting window until REQ_Waiting_Finish.
+    bool m_pinOpen = false;
+    bool m_listOpen = false;
+    bool m_waitingOpen = false;
+    // A response could not be written within the send time-out.
+    bool m_sendStalled = false;
+
     UiStatusHandler *statusHandler() const;
     int waitForMessageAnswer(UiStatusHandler *ui);
+    bool waitForRequest();
+    bool windowOpen() const;
     void endConnection();
 };
