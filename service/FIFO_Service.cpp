@@ -13,6 +13,7 @@
 #include <QSettings>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include <poll.h>
@@ -143,7 +144,10 @@ void FIFO_Service::CreatePipeAndListen()
         qDebug() << "makeAddr() failed";
 
     if (bind(m_hListenSocket, reinterpret_cast<sockaddr *>(&addr), addrLen) != 0) {
+        const int bindErr = errno;
         qDebug() << "bind() failed";
+        if (bindErr == EADDRINUSE)
+            reportNameHolder(name, addr, addrLen);
         emit start_pipe_failed();
         return;
     }
@@ -251,6 +255,32 @@ void FIFO_Service::ServeConnection(int fd)
     }
     endConnection();
     m_sock = -1;
+}
+
+/**
+ * Abstract names carry no permissions: any local user can take ours. Says
+ * who holds @p name (SO_PEERCRED of a connection to it) in the log and on
+ * stderr, so a squatter does not pass for a second instance.
+ */
+void FIFO_Service::reportNameHolder(const QByteArray &name, const sockaddr_un &addr,
+                                    unsigned int addrLen)
+{
+    QByteArray line = "socket name @" + name;
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ucred cred;
+    socklen_t credLen = sizeof cred;
+    if (probe >= 0 && ::connect(probe, reinterpret_cast<const sockaddr *>(&addr), addrLen) == 0
+        && getsockopt(probe, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0) {
+        line += " is held by uid " + QByteArray::number(uint(cred.uid)) + " (pid "
+                + QByteArray::number(int(cred.pid)) + ")";
+    } else {
+        line += " is held by a process that does not accept connections";
+    }
+    if (probe >= 0)
+        close(probe);
+    qDebug("%s", line.constData());
+    fprintf(stderr, "%s\n", line.constData());
+    fflush(stderr);
 }
 
 void FIFO_Service::endConnection()

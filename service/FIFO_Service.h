@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cstdint>
 
+class QByteArray;
 class QSettings;
+struct sockaddr_un;
 class UiStatusHandler;
 
 /**
@@ -87,4 +89,5 @@ private:
     bool waitForRequest();
     bool windowOpen() const;
     void endConnection();
+    void reportNameHolder(const QByteArray &name, const sockaddr_un &addr, unsigned int addrLen);
 };
