@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -107,7 +108,34 @@ struct Child
     }
 };
 
-enum Stall { SilentConnect, HeaderWithoutData, IdleSession, StoppedProcess };
+// Asks for the list answer again and again without reading the responses,
+// one request per response that arrived, until the server gives up on
+// writing and closes. False when that does not happen within the deadline.
+bool pileUpResponses(zrui_conn *h)
+{
+    const int fd = zrui_fd(h);
+    const QByteArray ask = packet(REQ_List_GetSel);
+    QElapsedTimer t;
+    t.start();
+    int queued = 0;
+    while (t.elapsed() < kDeadlineMs) {
+        if (closedByServer(fd))
+            return true;
+        int now = 0;
+        if (ioctl(fd, FIONREAD, &now) != 0)
+            return false;
+        if (now > queued || queued == 0) {
+            queued = qMax(now, 1);
+            if (send(fd, ask.constData(), size_t(ask.size()), MSG_NOSIGNAL) != ask.size())
+                return closedByServer(fd);
+        }
+        pollfd p = {fd, POLLRDHUP, 0}; // wakes at once when the server closes
+        ::poll(&p, 1, 2);
+    }
+    return false;
+}
+
+enum Stall { SilentConnect, HeaderWithoutData, IdleSession, StoppedProcess, UnreadResponses };
 
 } // namespace
 
@@ -141,6 +169,9 @@ void TestReliability::testStalledClientIsCutOff_data()
     QTest::newRow("header, data never comes") << int(HeaderWithoutData) << kIncompleteLine;
     QTest::newRow("open session, idle") << int(IdleSession) << kIdleLine;
     QTest::newRow("client process stopped") << int(StoppedProcess) << kIdleLine;
+    QTest::newRow("responses never read")
+            << int(UnreadResponses)
+            << QStringLiteral("client does not take its responses, connection closed");
 }
 
 // The stalled client is served first (it connected first); the second one
@@ -179,8 +210,13 @@ void TestReliability::testStalledClientIsCutOff()
         QVERIFY(stalled.h);
         if (stall == HeaderWithoutData)
             QVERIFY(sendAll(stalled.h, packet(REQ_BeginSession, QByteArray(), 10)));
-        else if (stall == IdleSession)
+        else if (stall != SilentConnect)
             QCOMPARE(zrui_begin_session(stalled.h, 1), int(ZRUI_OK));
+        if (stall == UnreadResponses) {
+            // Type 1 answers at once, without a window.
+            QCOMPARE(zrui_list_show(stalled.h, 1, "a"), int(ZRUI_OK));
+            QVERIFY(pileUpResponses(stalled.h));
+        }
     }
 
     Conn next;
