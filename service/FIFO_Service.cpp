@@ -378,7 +378,10 @@ int FIFO_Service::SendBuff(void *pdata, int datalen)
     // One system call, no retry, no EINTR loop. MSG_NOSIGNAL: a client that
     // leaves before reading its answer must not kill the process by SIGPIPE.
     const int writelen = int(send(m_sock, pdata, size_t(datalen < 0 ? 0 : datalen), MSG_NOSIGNAL));
-    if (writelen < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    // The send time-out ran out: the client does not read (a part that
+    // went out leaves the stream out of step as well).
+    if ((writelen < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        || (writelen >= 0 && writelen < datalen))
         m_sendStalled = true;
     if (holdsPin)
         explicit_bzero(bytes + COMMPACK_HEADER_SIZE, size_t(datalen - COMMPACK_HEADER_SIZE));
