@@ -149,6 +149,7 @@ private slots:
     void testStalledClientIsCutOff();
     void testOpenWindowKeepsConnection_data();
     void testOpenWindowKeepsConnection();
+    void testVanishedMessageClient_data();
     void testVanishedMessageClient();
     void testSquatterOfAnotherUser();
 
@@ -277,25 +278,46 @@ void TestReliability::testOpenWindowKeepsConnection()
     QCOMPARE(LogFile::messages().count(kIdleLine), 0);
 }
 
+void TestReliability::testVanishedMessageClient_data()
+{
+    QTest::addColumn<QList<QByteArray>>("before"); // each answered with a bare response
+    QTest::addColumn<QByteArray>("box");
+    QTest::addColumn<QString>("title");
+    const QByteArray title = "reliability box";
+    unsigned char data[COMMPACK_MAX_DATA];
+    quint32 len = 0;
+    QCOMPARE(zrui_build_message_box(0, title.constData(), "left alone", data, sizeof data, &len),
+             int(ZRUI_OK));
+    QTest::newRow("message box") << QList<QByteArray>()
+                                 << packet(REQ_MessageBox,
+                                           QByteArray(reinterpret_cast<char *>(data), int(len)))
+                                 << QString::fromUtf8(title);
+    QTest::newRow("PIN retry box")
+            << QList<QByteArray>({packet(REQ_PIN_Show, u32(0)), packet(REQ_PIN_GetPIN)})
+            << packet(REQ_PIN_Retry, u32(3)) << QStringLiteral("USBKey password error");
+}
+
+// The client leaves while its box waits for the user: the box closes, and the
+// next client is served without anyone answering it.
 void TestReliability::testVanishedMessageClient()
 {
+    QFETCH(QList<QByteArray>, before);
+    QFETCH(QByteArray, box);
+    QFETCH(QString, title);
     if (!XDoTool::available())
         QSKIP("needs xdotool and an X display (run under xvfb-run)");
     ServerLauncher server;
     QVERIFY2(startServer(server), qPrintable(server.errorString() + server.output()));
-    const QString title = QStringLiteral("reliability-%1").arg(server.appName());
 
     Conn leaving;
     leaving.h = connectTo(server);
     QVERIFY(leaving.h);
     QCOMPARE(zrui_begin_session(leaving.h, 1), int(ZRUI_OK));
-    unsigned char data[COMMPACK_MAX_DATA];
-    quint32 len = 0;
-    QCOMPARE(zrui_build_message_box(0, title.toUtf8().constData(), "left alone", data, sizeof data,
-                                    &len),
-             int(ZRUI_OK));
-    QVERIFY(sendAll(leaving.h,
-                    packet(REQ_MessageBox, QByteArray(reinterpret_cast<char *>(data), int(len)))));
+    for (const QByteArray &request : before) {
+        QVERIFY(sendAll(leaving.h, request));
+        QVERIFY(response(leaving.h) != ~0u);
+    }
+    QVERIFY(sendAll(leaving.h, box));
     QVERIFY(!XDoTool::waitForWindow(title, kDeadlineMs).isEmpty());
 
     zrui_close(leaving.h);
