@@ -402,6 +402,14 @@ void TestReliability::testSquatterOfAnotherUser()
     QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &h), int(ZRUI_E_PEER));
     QVERIFY(!h);
     QCOMPARE(nextMark(), '0'); // refused before any request went out
+
+    QProcess cli;
+    cli.start(qEnvironmentVariable("ZRUI_CLI"), {QStringLiteral("--server"), server.appName(),
+                                                 QStringLiteral("pin"), QStringLiteral("verify")});
+    QVERIFY(cli.waitForFinished(kDeadlineMs));
+    QCOMPARE(cli.exitCode(), 10);
+    QVERIFY(cli.readAllStandardError().contains("ZRUI_E_PEER"));
+    QCOMPARE(nextMark(), '0');
     close(report[0]);
 }
 

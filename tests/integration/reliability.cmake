@@ -6,6 +6,7 @@ zrui_add_test(NAME TestReliability
   LIBS zrui_testsupport zrui_client Qt5::Core
   LAUNCHER xvfb-run -a -s "-screen 0 1280x1024x24"
   LOCKS uilog
+  ENV "ZRUI_CLI=$<TARGET_FILE:zrui-cli>"
   TIMEOUT 180)
 target_include_directories(TestReliability PRIVATE ${CMAKE_SOURCE_DIR}/tests/e2e)
-add_dependencies(TestReliability ZRUIServer zrui_tokensim zrui_resources zrui_test_resources)
+add_dependencies(TestReliability zrui-cli ZRUIServer zrui_tokensim zrui_resources zrui_test_resources)
