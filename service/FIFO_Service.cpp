@@ -7,8 +7,8 @@
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QDebug>
-#include <QFileInfo>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QMetaObject>
 #include <QSettings>
 
