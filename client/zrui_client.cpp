@@ -64,6 +64,8 @@ const char *zrui_strerror(int code)
         return "ZRUI_E_INVAL: invalid argument";
     case ZRUI_E_PROTO:
         return "ZRUI_E_PROTO: malformed or unexpected response";
+    case ZRUI_E_PEER:
+        return "ZRUI_E_PEER: the server runs under another user id (refused)";
     default:
         return "unknown error code";
     }
@@ -113,6 +115,18 @@ int zrui_open(const char *serverName, zrui_conn **out)
         free(h);
         errno = err;
         return (err == ECONNREFUSED || err == ENOENT) ? ZRUI_E_NOSERVER : ZRUI_E_IO;
+    }
+    // The name may be held by another user's process; it must not see a
+    // single request (a PIN prompt it answers would be believed).
+    struct ucred cred;
+    socklen_t credLen = sizeof cred;
+    if (getsockopt(h->fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0 || credLen != sizeof cred
+        || cred.uid != getuid()) {
+        const int err = errno;
+        close(h->fd);
+        free(h);
+        errno = err;
+        return ZRUI_E_PEER;
     }
     *out = h;
     return ZRUI_OK;

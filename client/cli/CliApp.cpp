@@ -121,6 +121,8 @@ int cliExitForCode(int code)
         return CliClosed;
     case ZRUI_E_NORESULT:
         return CliNoResult;
+    case ZRUI_E_PEER:
+        return CliForeignServer;
     case ZRUI_E_INVAL:
         return CliUsage;
     default:
@@ -163,7 +165,8 @@ QString CliApp::usage()
             "Exit status:\n"
             "  0 done, 1 socket or protocol error, 2 bad command line, 3 the user cancelled,\n"
             "  4 state error (operation not allowed now), 5 token not present, 6 no server,\n"
-            "  7 no answer within --timeout, 8 connection closed by the server, 9 no result\n");
+            "  7 no answer within --timeout, 8 connection closed by the server, 9 no result,\n"
+            "  10 the socket is held by another user's process (refused)\n");
 }
 
 int CliApp::run(const QStringList &arguments)

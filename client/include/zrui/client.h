@@ -34,7 +34,8 @@ enum {
     ZRUI_E_TIMEOUT = -12, /* no answer within the time allowed */
     ZRUI_E_IO = -13, /* other socket error (errno tells more) */
     ZRUI_E_INVAL = -14, /* bad argument, or a request that does not fit a packet */
-    ZRUI_E_PROTO = -15 /* malformed or unexpected response, or larger than the buffer */
+    ZRUI_E_PROTO = -15, /* malformed or unexpected response, or larger than the buffer */
+    ZRUI_E_PEER = -16 /* the server runs under another user id: refused before any request */
 };
 
 /* Capacity of each PIN in a parsed result, without the terminating NUL. */
@@ -60,8 +61,10 @@ const char *zrui_strerror(int code);
 int zrui_socket_name(const char *serverName, char *out, size_t cap);
 
 /* Connects to the abstract socket of serverName (NULL = "ZRUIServer") for
- * this user. zrui_open reports why it failed; zrui_connect returns NULL then
- * (errno keeps the system error). */
+ * this user. Abstract names carry no permissions, so any local user could
+ * hold the name: a server whose SO_PEERCRED uid is not ours is refused
+ * (ZRUI_E_PEER) before a byte is sent. zrui_open reports why it failed;
+ * zrui_connect returns NULL then (errno keeps the system error). */
 int zrui_open(const char *serverName, zrui_conn **out);
 zrui_conn *zrui_connect(const char *serverName);
 void zrui_close(zrui_conn *h);
