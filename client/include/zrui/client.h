@@ -35,7 +35,9 @@ enum {
     ZRUI_E_IO = -13, /* other socket error (errno tells more) */
     ZRUI_E_INVAL = -14, /* bad argument, or a request that does not fit a packet */
     ZRUI_E_PROTO = -15, /* malformed or unexpected response, or larger than the buffer */
-    ZRUI_E_PEER = -16 /* the server runs under another user id: refused before any request */
+    ZRUI_E_PEER = -16, /* the server runs under another user id: refused before any request */
+    ZRUI_E_BUSY = -17 /* the server is busy with another program: the connection was not
+                         accepted, or its first request not answered, within the time-out */
 };
 
 /* Capacity of each PIN in a parsed result, without the terminating NUL. */
@@ -66,12 +68,19 @@ int zrui_socket_name(const char *serverName, char *out, size_t cap);
  * (ZRUI_E_PEER) before a byte is sent. zrui_open reports why it failed;
  * zrui_connect returns NULL then (errno keeps the system error). */
 int zrui_open(const char *serverName, zrui_conn **out);
+/* As zrui_open, with a deadline in milliseconds (0 = none) for the connect
+ * and for the answer to the first request; later calls have the deadline of
+ * zrui_set_timeout (none by default). The server serves one program at a
+ * time: when the connect or the first request is not answered in time the
+ * result is ZRUI_E_BUSY, not ZRUI_E_TIMEOUT. */
+int zrui_open_timeout(const char *serverName, int timeoutMs, zrui_conn **out);
 zrui_conn *zrui_connect(const char *serverName);
 void zrui_close(zrui_conn *h);
 int zrui_fd(const zrui_conn *h);
 
-/* Receive time-out for every following response, in milliseconds (0 = wait
- * without limit, the default). A time-out leaves the stream out of step. */
+/* Per-call deadline for every following request and its response, in
+ * milliseconds (0 = wait without limit, the default). A time-out leaves the
+ * stream out of step (ZRUI_E_TIMEOUT, or ZRUI_E_BUSY for the first request). */
 int zrui_set_timeout(zrui_conn *h, int ms);
 
 /* Sends one request (header + len data bytes) and reads exactly one
