@@ -266,6 +266,8 @@ int CliApp::openSession(quint64 devRef)
     }
     const int begin = zrui_begin_session(conn, devRef);
     out->step(QStringLiteral("REQ_BeginSession"), begin);
+    if (begin == ZRUI_E_BUSY && !json)
+        printError(QString::fromUtf8(zrui_strerror(begin)));
     if (begin != ZRUI_OK)
         return cliExitForCode(begin);
     return CliOk;
