@@ -35,7 +35,7 @@ chroot "$dir" su - tryer -c '
     (for i in \$(seq 100); do
        w=\$(xdotool search --name \"Verify USBKey password\" 2>/dev/null | head -n1)
        [ -n \"\$w\" ] && break; sleep 0.1; done
-     xdotool windowactivate --sync \$w type 123456; xdotool key Return) &
+     xdotool windowfocus --sync \$w; xdotool type --delay 30 123456; xdotool key Return) &
     zrui-cli --timeout 30 --json pin verify
   "
 '

@@ -50,12 +50,20 @@ QString searchedPlaces(const char *name)
             .arg(QDir::currentPath(), QCoreApplication::applicationDirPath(), QLatin1String(name));
 }
 
+// The file to edit: an installed configuration is a link into /etc.
+QString editablePath(const QString &file)
+{
+    const QFileInfo info(file);
+    const QString canonical = info.canonicalFilePath();
+    return canonical.isEmpty() ? info.absoluteFilePath() : canonical;
+}
+
 QString libraryHint(const QString &confFile, const QString &dir, const char *library)
 {
     return QStringLiteral("cannot load the token library %1%2: set SAFEPATH in %3 to the "
                           "directory that holds libzrkapi.so, libzralg.so and libaux.so "
                           "(with a trailing slash).")
-            .arg(dir, QLatin1String(library), QFileInfo(confFile).absoluteFilePath());
+            .arg(dir, QLatin1String(library), editablePath(confFile));
 }
 
 // The status values -1 (pending) and -2 (initial) never close a dialog.
@@ -113,7 +121,7 @@ UI_Service::UI_Service(float scale, QObject *parent)
         failExit("AuxLoadKestrovaIni Failed!",
                  QStringLiteral("the token stack in %1 returned no configuration: check its "
                                 "installation or SAFEPATH in %2.")
-                         .arg(libraryBaseDir, QFileInfo(confFile).absoluteFilePath()));
+                         .arg(libraryBaseDir, editablePath(confFile)));
         return;
     }
 
