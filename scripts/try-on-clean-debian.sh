@@ -21,7 +21,7 @@ trap 'for fs in dev sys proc; do umount -l "$dir/$fs" 2>/dev/null || true; done'
 chroot "$dir" /bin/sh -ec '
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -q
-  apt-get install -y -q --no-install-recommends xvfb xauth xdotool \
+  apt-get install -y -q --reinstall --no-install-recommends xvfb xauth xdotool \
     $(ls /debs/*.deb | grep -v dbgsym)
   useradd -m tryer 2>/dev/null || true
 '
