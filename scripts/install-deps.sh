@@ -12,7 +12,7 @@ PACKAGES=(
   fonts-noto-cjk fonts-dejavu-core
   util-linux
   libsystemd-dev systemd
-  debhelper devscripts lintian fakeroot debootstrap
+  debhelper dpkg-dev lintian fakeroot debootstrap
 )
 
 SUDO=""
