@@ -1,6 +1,7 @@
 #include "FIFO_Service.h"
 
 #include "app/TokenLibs.h"
+#include "service/ActivatedSocket.h"
 #include "service/Protocol.h"
 #include "service/UiStatusHandler.h"
 
@@ -143,7 +144,13 @@ void FIFO_Service::CreatePipeAndListen()
     if (!makeAddr(name.constData(), &addr, &addrLen))
         qDebug() << "makeAddr() failed";
 
-    if (bind(m_hListenSocket, reinterpret_cast<sockaddr *>(&addr), addrLen) != 0) {
+    // Socket activation: the service manager's socket, already listening on
+    // this name, replaces the one just made (listen() below then only sets
+    // the backlog).
+    if (const int activated = ActivatedSocket::take(name, m_timeout); activated >= 0) {
+        close(m_hListenSocket);
+        m_hListenSocket = activated;
+    } else if (bind(m_hListenSocket, reinterpret_cast<sockaddr *>(&addr), addrLen) != 0) {
         const int bindErr = errno;
         qDebug() << "bind() failed";
         if (bindErr == EADDRINUSE)

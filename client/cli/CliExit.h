@@ -12,7 +12,8 @@ enum CliExit {
     CliTimeout = 7, // the user did not answer within --timeout
     CliClosed = 8, // the server closed the connection
     CliNoResult = 9, // the server answered "no result"
-    CliForeignServer = 10 // the socket is held by a process of another user
+    CliForeignServer = 10, // the socket is held by a process of another user
+    CliBusy = 11 // the server is busy with another program
 };
 
 // Maps a client library code (ZRUI_OK, ZRUI_E_*) to an exit code.
