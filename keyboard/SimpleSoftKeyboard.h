@@ -2,6 +2,10 @@
 
 #include <QWidget>
 
+#include <memory>
+
+class KeyboardKeys;
+
 namespace Ui {
 class SimpleSoftKeyboard;
 }
@@ -38,4 +42,5 @@ private:
     int numberOrder[10];
     int charOrder[26];
     bool shiftOn = false;
+    std::unique_ptr<KeyboardKeys> keys;
 };

@@ -2,6 +2,10 @@
 
 #include <QWidget>
 
+#include <memory>
+
+class KeyboardKeys;
+
 namespace Ui {
 class SoftKeyboard;
 }
@@ -42,4 +46,5 @@ private:
     int charOrder[26];
     int noteOrder[11];
     bool shiftOn = false;
+    std::unique_ptr<KeyboardKeys> keys;
 };

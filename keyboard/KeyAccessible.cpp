@@ -1,0 +1,73 @@
+#include "KeyAccessible.h"
+
+#include <QCoreApplication>
+#include <QKeyEvent>
+#include <QLabel>
+
+const char *const KeyAccessible::keyProperty = "zruiKeyboardKey";
+
+namespace {
+
+QAccessibleInterface *keyFactory(const QString &className, QObject *object)
+{
+    if (className == QLatin1String("QLabel") && object
+        && object->property(KeyAccessible::keyProperty).toBool())
+        return new KeyAccessible(static_cast<QLabel *>(object));
+    return nullptr;
+}
+
+} // namespace
+
+KeyAccessible::KeyAccessible(QLabel *key)
+    : QAccessibleWidget(key, QAccessible::Button)
+{ }
+
+/**
+ * Makes @p key an on-screen key for assistive tools. The factory that gives
+ * keys this interface is installed once per process; an interface made
+ * earlier (setting the faces in the form already announces them) is dropped
+ * so the next query builds this one.
+ */
+void KeyAccessible::markKey(QLabel *key)
+{
+    static bool installed = false;
+    if (!installed)
+        QAccessible::installFactory(keyFactory);
+    installed = true;
+    key->setProperty(keyProperty, true);
+    QAccessibleInterface *earlier = QAccessible::queryAccessibleInterface(key);
+    if (earlier && earlier->role() != QAccessible::Button)
+        QAccessible::deleteAccessibleInterface(QAccessible::uniqueId(earlier));
+}
+
+/// The name is the accessible name if one was set, else the key's face.
+QString KeyAccessible::text(QAccessible::Text t) const
+{
+    if (t != QAccessible::Name)
+        return QAccessibleWidget::text(t);
+    const QString name = widget()->accessibleName();
+    return name.isEmpty() ? static_cast<const QLabel *>(widget())->text() : name;
+}
+
+QAccessible::State KeyAccessible::state() const
+{
+    QAccessible::State s = QAccessibleWidget::state();
+    s.focusable = true;
+    return s;
+}
+
+QStringList KeyAccessible::actionNames() const
+{
+    return QStringList(pressAction()) + QAccessibleWidget::actionNames();
+}
+
+/// Pressing goes through the keyboard's own Space handling, like a real key.
+void KeyAccessible::doAction(const QString &actionName)
+{
+    if (actionName != pressAction()) {
+        QAccessibleWidget::doAction(actionName);
+        return;
+    }
+    QKeyEvent press(QEvent::KeyPress, Qt::Key_Space, Qt::NoModifier, QStringLiteral(" "));
+    QCoreApplication::sendEvent(widget(), &press);
+}

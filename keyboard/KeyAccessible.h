@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QAccessibleWidget>
+
+class QLabel;
+
+/**
+ * What assistive tools see of one on-screen key: a button named after its
+ * face (or its function), focusable, pressed by the press action. Only the
+ * face is exposed, never anything that was typed.
+ */
+class KeyAccessible : public QAccessibleWidget
+{
+public:
+    /// The property that marks a label as an on-screen key.
+    static const char *const keyProperty;
+
+    explicit KeyAccessible(QLabel *key);
+
+    static void markKey(QLabel *key);
+
+    QString text(QAccessible::Text t) const override;
+    QAccessible::State state() const override;
+    QStringList actionNames() const override;
+    void doAction(const QString &actionName) override;
+};
