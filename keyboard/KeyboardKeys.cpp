@@ -5,7 +5,6 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QEvent>
-#include <QFocusFrame>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QMouseEvent>
@@ -116,6 +115,7 @@ void KeyboardKeys::refresh(bool shifted)
 void KeyboardKeys::scale(float factor)
 {
     board->resize(board->size() * static_cast<double>(factor));
+    frameWidth = qMax(2, qRound(frameWidth * factor));
     for (QLabel *key : keys()) {
         key->move(key->pos() * factor);
         key->resize(key->size() * static_cast<double>(factor));
@@ -174,13 +174,19 @@ bool KeyboardKeys::filter(QObject *watched, QEvent *event, QObject **pressed)
         return false;
     case QEvent::FocusIn:
         current = key;
-        if (!focusFrame)
-            focusFrame = new QFocusFrame(board);
-        focusFrame->setWidget(key);
+        // Drawn as focus-visible: for focus the user moved (Tab, arrows), and
+        // kept across a window switch, but not for a keyboard that merely got
+        // the focus by its window's activation. A solid frame in the text
+        // colour, as thick as the keys are scaled: the style sheet has no
+        // focus rule and a hairline is lost on a key.
+        if (static_cast<QFocusEvent *>(event)->reason() != Qt::ActiveWindowFocusReason) {
+            key->setFrameStyle(QFrame::Box | QFrame::Plain);
+            key->setLineWidth(frameWidth);
+        }
         return false;
     case QEvent::FocusOut:
-        if (focusFrame)
-            focusFrame->setWidget(nullptr);
+        if (static_cast<QFocusEvent *>(event)->reason() != Qt::ActiveWindowFocusReason)
+            key->setFrameStyle(QFrame::NoFrame);
         return false;
     case QEvent::ShortcutOverride: {
         // Claim these before any window shortcut (a dialog's Return) sees them.
@@ -270,8 +276,8 @@ void KeyboardKeys::leave(bool forward)
         w = forward ? w->nextInFocusChain() : w->previousInFocusChain();
         if (!w || w == board)
             return;
-        if (board->isAncestorOf(w) || w->focusProxy() || !(w->focusPolicy() & Qt::TabFocus)
-            || !w->isEnabled() || !w->isVisibleTo(window) || w->window() != window)
+        if (w->focusProxy() || !(w->focusPolicy() & Qt::TabFocus) || !w->isEnabled()
+            || !w->isVisibleTo(window) || w->window() != window)
             continue;
         w->setFocus(forward ? Qt::TabFocusReason : Qt::BacktabFocusReason);
         return;

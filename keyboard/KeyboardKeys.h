@@ -1,11 +1,9 @@
 #pragma once
 
 #include <QList>
-#include <QPointer>
 #include <QString>
 
 class QEvent;
-class QFocusFrame;
 class QLabel;
 class QObject;
 class QWidget;
@@ -53,5 +51,5 @@ private:
     QLabel *shiftKey;
     QLabel *spaceKey;
     QLabel *current = nullptr;
-    QPointer<QFocusFrame> focusFrame;
+    int frameWidth = 2;
 };

@@ -2,7 +2,6 @@
 #include "SoftKeyboard.h"
 
 #include <QAccessible>
-#include <QFocusFrame>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
@@ -25,9 +24,9 @@ struct Host
     QPushButton *after = new QPushButton(QStringLiteral("OK"), &window);
     QShortcut *returnShortcut = new QShortcut(Qt::Key_Return, &window);
 
-    explicit Host(bool simple)
-        : kb(simple ? static_cast<QWidget *>(new SimpleSoftKeyboard(1.0f, &window))
-                    : static_cast<QWidget *>(new SoftKeyboard(1.0f, &window)))
+    explicit Host(bool simple, float scale = 1.0f)
+        : kb(simple ? static_cast<QWidget *>(new SimpleSoftKeyboard(scale, &window))
+                    : static_cast<QWidget *>(new SoftKeyboard(scale, &window)))
     {
         auto *layout = new QVBoxLayout(&window);
         layout->addWidget(before);
@@ -81,6 +80,8 @@ private slots:
     void testAccessibleKeys();
     void testTypedTextNeverExposed_data();
     void testTypedTextNeverExposed();
+    void testFacesFit_data();
+    void testFacesFit();
 };
 
 void TestKeyboardAccess::testTabAndArrows_data()
@@ -137,14 +138,14 @@ void TestKeyboardAccess::testTabAndArrows()
     QTest::keyClick(host.focus(), Qt::Key(arrow));
     QTRY_COMPARE(host.focus()->objectName(), to);
 
-    // The focused key is framed, visibly: the frame encloses it and paints.
-    auto *frame = host.kb->findChild<QFocusFrame *>();
-    QVERIFY(frame && frame->isVisible());
-    QVERIFY(frame->geometry().contains(host.key(to)->geometry()));
-    const QImage framed = host.kb->grab().toImage();
+    // The focused key is framed, visibly, and only while it has the focus.
+    QLabel *focused = host.key(to);
+    QCOMPARE(focused->frameShape(), QFrame::Box);
+    QVERIFY(focused->lineWidth() >= 2);
+    const QImage framed = focused->grab().toImage();
     host.before->setFocus();
-    QTRY_VERIFY(!frame->isVisible());
-    QVERIFY(host.kb->grab().toImage() != framed);
+    QTRY_COMPARE(focused->frameShape(), QFrame::NoFrame);
+    QVERIFY(focused->grab().toImage() != framed);
 }
 
 void TestKeyboardAccess::testPressFromKeyboard_data()
@@ -308,6 +309,47 @@ void TestKeyboardAccess::testTypedTextNeverExposed()
         for (int at = 0; at + n <= pin.size(); ++at)
             for (const QString &text : texts)
                 QVERIFY2(!text.contains(pin.mid(at, n)), qPrintable(text));
+}
+
+void TestKeyboardAccess::testFacesFit_data()
+{
+    QTest::addColumn<bool>("simple");
+    QTest::addColumn<double>("scale");
+    for (double scale : {1.0, 1.5, 2.0}) {
+        QTest::addRow("full %.1f", scale) << false << scale;
+        QTest::addRow("simple %.1f", scale) << true << scale;
+    }
+}
+
+// The scale is the logical dpi over 96, by which point-sized fonts have grown
+// too: at every scale each face, plain, shifted and framed, fits its key.
+void TestKeyboardAccess::testFacesFit()
+{
+    QFETCH(bool, simple);
+    QFETCH(double, scale);
+    const QFont original = QApplication::font();
+    QFont font = original;
+    font.setPointSizeF(original.pointSizeF() * scale);
+    QApplication::setFont(font);
+    Host host(simple, float(scale));
+    QApplication::setFont(original);
+    QCOMPARE(host.kb->size(), QSize(410, 140) * scale);
+    const QList<QLabel *> keys = host.kb->findChildren<QLabel *>();
+    int checked = 0;
+    for (int shifted = 0; shifted < 2; ++shifted) {
+        for (QLabel *key : keys) {
+            key->setFocus();
+            QTRY_COMPARE(host.focus(), key);
+            const QSize face = key->fontMetrics().size(0, key->text());
+            QVERIFY(face.height() >= QFontInfo(font).pixelSize());
+            QVERIFY2(face.width() <= key->contentsRect().width()
+                             && face.height() <= key->contentsRect().height(),
+                     qPrintable(key->objectName() + QLatin1Char(' ') + key->text()));
+            ++checked;
+        }
+        QTest::mouseClick(host.key("label_shift"), Qt::LeftButton);
+    }
+    QCOMPARE(checked, 2 * (simple ? 38 : 50));
 }
 
 QTEST_MAIN(TestKeyboardAccess)
