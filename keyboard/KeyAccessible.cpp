@@ -5,6 +5,7 @@
 #include <QLabel>
 
 const char *const KeyAccessible::keyProperty = "zruiKeyboardKey";
+const char *const KeyAccessible::boardProperty = "zruiKeyboard";
 
 namespace {
 
@@ -13,6 +14,9 @@ QAccessibleInterface *keyFactory(const QString &className, QObject *object)
     if (className == QLatin1String("QLabel") && object
         && object->property(KeyAccessible::keyProperty).toBool())
         return new KeyAccessible(static_cast<QLabel *>(object));
+    // The board groups the keys under its name, rather than being a filler.
+    if (object && object->isWidgetType() && object->property(KeyAccessible::boardProperty).toBool())
+        return new QAccessibleWidget(static_cast<QWidget *>(object), QAccessible::Grouping);
     return nullptr;
 }
 
@@ -23,20 +27,20 @@ KeyAccessible::KeyAccessible(QLabel *key)
 { }
 
 /**
- * Makes @p key an on-screen key for assistive tools. The factory that gives
- * keys this interface is installed once per process; an interface made
+ * Marks @p widget with @p property for the factory that gives keys and
+ * boards their interfaces (installed once per process). An interface made
  * earlier (setting the faces in the form already announces them) is dropped
- * so the next query builds this one.
+ * so the next query builds the right one.
  */
-void KeyAccessible::markKey(QLabel *key)
+void KeyAccessible::mark(QWidget *widget, const char *property)
 {
     static bool installed = false;
     if (!installed)
         QAccessible::installFactory(keyFactory);
     installed = true;
-    key->setProperty(keyProperty, true);
-    QAccessibleInterface *earlier = QAccessible::queryAccessibleInterface(key);
-    if (earlier && earlier->role() != QAccessible::Button)
+    QAccessibleInterface *earlier = QAccessible::queryAccessibleInterface(widget);
+    widget->setProperty(property, true);
+    if (earlier)
         QAccessible::deleteAccessibleInterface(QAccessible::uniqueId(earlier));
 }
 

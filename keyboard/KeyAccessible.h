@@ -12,12 +12,13 @@ class QLabel;
 class KeyAccessible : public QAccessibleWidget
 {
 public:
-    /// The property that marks a label as an on-screen key.
+    /// The properties that mark a label as an on-screen key and a keyboard.
     static const char *const keyProperty;
+    static const char *const boardProperty;
 
     explicit KeyAccessible(QLabel *key);
 
-    static void markKey(QLabel *key);
+    static void mark(QWidget *widget, const char *property);
 
     QString text(QAccessible::Text t) const override;
     QAccessible::State state() const override;

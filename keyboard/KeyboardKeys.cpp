@@ -65,13 +65,14 @@ KeyboardKeys::KeyboardKeys(QWidget *board, const char *context, const QList<Grou
                     QLatin1String(group.prefix)
                     + QStringLiteral("%1").arg(i, group.width, 10, QLatin1Char('0'))));
     board->setFocusPolicy(Qt::TabFocus);
+    KeyAccessible::mark(board, KeyAccessible::boardProperty);
     board->setAccessibleName(QCoreApplication::translate(context, "On-screen keyboard"));
     backspaceKey->setAccessibleName(QCoreApplication::translate(context, "Backspace"));
     shiftKey->setAccessibleName(QCoreApplication::translate(context, "Shift"));
     if (spaceKey)
         spaceKey->setAccessibleName(QCoreApplication::translate(context, "Space"));
     for (QLabel *key : keys()) {
-        KeyAccessible::markKey(key);
+        KeyAccessible::mark(key, KeyAccessible::keyProperty);
         key->setFocusPolicy(Qt::NoFocus);
     }
     current = keys().value(0);

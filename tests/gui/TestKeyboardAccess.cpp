@@ -248,6 +248,7 @@ void TestKeyboardAccess::testAccessibleKeys()
     QAccessibleInterface *board = QAccessible::queryAccessibleInterface(host.kb);
     QVERIFY(board);
     QCOMPARE(board->text(QAccessible::Name), QStringLiteral("On-screen keyboard"));
+    QCOMPARE(board->role(), QAccessible::Grouping);
 
     QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(key);
     QVERIFY(iface);
