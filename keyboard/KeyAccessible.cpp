@@ -6,6 +6,7 @@
 
 const char *const KeyAccessible::keyProperty = "zruiKeyboardKey";
 const char *const KeyAccessible::boardProperty = "zruiKeyboard";
+const char *const KeyAccessible::shiftedProperty = "zruiShifted";
 
 namespace {
 
@@ -57,6 +58,9 @@ QAccessible::State KeyAccessible::state() const
 {
     QAccessible::State s = QAccessibleWidget::state();
     s.focusable = true;
+    const QVariant shifted = widget()->property(shiftedProperty);
+    s.checkable = shifted.isValid();
+    s.checked = shifted.toBool();
     return s;
 }
 

@@ -15,6 +15,8 @@ public:
     /// The properties that mark a label as an on-screen key and a keyboard.
     static const char *const keyProperty;
     static const char *const boardProperty;
+    /// Set on the shift key only: whether shift is on.
+    static const char *const shiftedProperty;
 
     explicit KeyAccessible(QLabel *key);
 

@@ -2,6 +2,7 @@
 
 #include "KeyAccessible.h"
 
+#include <QAccessible>
 #include <QCoreApplication>
 #include <QDebug>
 #include <QEvent>
@@ -105,6 +106,14 @@ void KeyboardKeys::refresh(bool shifted)
         const QString &map = *(shifted ? group.shifted : group.normal);
         for (int i = 0; i < group.keys.size(); ++i)
             group.keys.at(i)->setText(QString(map.at(group.order[i])));
+    }
+    // The faces say it only to sighted users: shift reports itself checked.
+    if (shiftKey->property(KeyAccessible::shiftedProperty) != shifted) {
+        shiftKey->setProperty(KeyAccessible::shiftedProperty, shifted);
+        QAccessible::State changed;
+        changed.checked = true;
+        QAccessibleStateChangeEvent event(shiftKey, changed);
+        QAccessible::updateAccessibility(&event);
     }
 }
 

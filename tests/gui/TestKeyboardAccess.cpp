@@ -264,7 +264,10 @@ void TestKeyboardAccess::testAccessibleKeys()
     QAccessibleActionInterface *actions = iface->actionInterface();
     QVERIFY(actions && actions->actionNames().contains(QAccessibleActionInterface::pressAction()));
     actions->doAction(QAccessibleActionInterface::pressAction());
-    QCOMPARE(chars.count() + backspaces.count(), name == QLatin1String("label_shift") ? 0 : 1);
+    const bool shift = name == QLatin1String("label_shift");
+    QCOMPARE(chars.count() + backspaces.count(), shift ? 0 : 1);
+    QCOMPARE(iface->state().checkable, shift); // shift tells whether it is on
+    QCOMPARE(iface->state().checked, shift);
     if (accessibleName.isEmpty()) {
         QCOMPARE(QString(QChar::fromLatin1(chars.at(0).at(0).value<char>())),
                  iface->text(QAccessible::Name));
