@@ -48,10 +48,12 @@ bool isArrowKey(int qtKey)
 
 /**
  * Finds the keys of @p board by their object names: the shuffled groups in
- * drawing order, then label_delete, label_shift and label_space (if any). Every key is made a
- * button for assistive tools, named after its face or, for a function key, after what it does
- * (translated in @p context). The keys themselves take no focus, so a click never moves the focus
- * out of a PIN field: the board is the one Tab stop and hands its focus to the key last used.
+ * drawing order, then label_delete, label_shift and label_space (if any).
+ * Every key is made a button for assistive tools, named after its face or,
+ * for a function key, after what it does (translated in @p context). The
+ * keys themselves take no focus, so a click never moves the focus out of a
+ * PIN field: the board is the one Tab stop and hands its focus to the key
+ * last used.
  */
 KeyboardKeys::KeyboardKeys(QWidget *board, const char *context, const QList<Group> &groups)
     : board(board)
