@@ -7,6 +7,8 @@ class QString;
 
 // The fixed log file of every user; see printlogtofile.
 extern const char *const ZRUI_LOG_PATH;
+// A log file of at least this size becomes "<name>.1" before the next line.
+extern const long long ZRUI_LOG_ROTATE_BYTES;
 
 /**
  * Message handler for qInstallMessageHandler: appends one line
