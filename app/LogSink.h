@@ -16,3 +16,10 @@ extern const long long ZRUI_LOG_ROTATE_BYTES;
  * closing the file for every message. Type and context are ignored.
  */
 void printlogtofile(QtMsgType type, const QMessageLogContext &context, const QString &message);
+
+/**
+ * While set, messages of the calling thread are dropped; other threads log
+ * as usual. For work nobody asked for, such as building a dialog ahead of
+ * time that is never shown.
+ */
+void setThreadLogMuted(bool muted);
