@@ -5,6 +5,7 @@
 #include "PINDialog.h"
 #include "WaitingDialog.h"
 #include "app/FileIntegrity.h"
+#include "app/LogSink.h"
 #include "app/StartupEnv.h"
 #include "app/TokenLibs.h"
 #include "service/FIFO_Service.h"
@@ -16,6 +17,7 @@
 #include <QStringList>
 #include <QThread>
 #include <QTimer>
+#include <QWindow>
 
 #include <cerrno>
 #include <cstdlib>
@@ -166,6 +168,37 @@ UI_Service::UI_Service(float scale, QObject *parent)
 
     serviceThread->start(QThread::InheritPriority);
     emit StartPipe();
+    QTimer::singleShot(0, this, &UI_Service::prewarm);
+}
+
+/**
+ * The first dialog of a process paid for fonts, style, form and native
+ * window set-up (several times a later one). Done here instead, when the
+ * loop first goes idle after start-up: a PIN dialog built with its native
+ * window and cursor, never shown; its first paint (glyphs, style pixmaps)
+ * follows in a later turn of the loop unless a dialog was asked for
+ * meanwhile. Its log lines are dropped: nobody asked for that dialog.
+ */
+void UI_Service::prewarm()
+{
+    if (pinDialog)
+        return;
+    setThreadLogMuted(true);
+    auto *warm = new PINDialog(keyBoardMode, keyboardVisible, 0, this, scale, nullptr);
+    warm->winId();
+    if (QWindow *window = warm->windowHandle())
+        window->setCursor(Qt::ArrowCursor);
+    setThreadLogMuted(false);
+    // Should the loop end before the next turn, the coordinator takes it along.
+    connect(this, &QObject::destroyed, warm, [warm] { delete warm; });
+    QTimer::singleShot(0, warm, [this, warm] {
+        if (!pinDialog) {
+            setThreadLogMuted(true);
+            warm->grab();
+            setThreadLogMuted(false);
+        }
+        warm->deleteLater();
+    });
 }
 
 /**
