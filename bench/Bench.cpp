@@ -159,8 +159,10 @@ double syscallsPerLine(qint64 pid, const QString &logFile, const std::function<b
     QElapsedTimer t;
     t.start();
     QByteArray said;
-    while (!said.contains("attached") && t.elapsed() < 10000 && strace.waitForReadyRead(100))
+    while (!said.contains("attached") && t.elapsed() < 10000) {
+        strace.waitForReadyRead(100);
         said += strace.readAll();
+    }
     auto countLines = [&] {
         QFile f(logFile);
         return f.open(QIODevice::ReadOnly) ? f.readAll().count('\n') : 0;
@@ -394,6 +396,8 @@ int main(int argc, char **argv)
     window.closeWriteChannel();
     window.waitForFinished(5000);
 
+    printf("reproduce: cmake --build build --target bench   (another build: ZRUI_BIN_DIR=<its bin> "
+           "ZRUI_TOKENSIM_DIR=<tokenlib>/ xvfb-run -a build/bin/zrui_bench [rounds])\n");
     printf("zrui_bench: medians over %d rounds (%d round trips, %d later dialogs each)\n", rounds,
            trips, later);
     printf("%-46s %13s | %-40s %13s | ratio\n", "figure", "ZRUIServer", "reference", "");

@@ -11,6 +11,7 @@ PACKAGES=(
   xvfb xauth xdotool x11-utils
   fonts-noto-cjk fonts-dejavu-core
   util-linux
+  strace libxcb1-dev
 )
 
 SUDO=""
