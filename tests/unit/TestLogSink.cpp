@@ -31,6 +31,7 @@ private slots:
     void testRefusedFileFallsBack();
     void testRotation_data();
     void testRotation();
+    void testMuteIsPerThread();
 };
 
 static const QRegularExpression
@@ -309,6 +310,18 @@ void TestLogSink::testRotation()
     QVERIFY(fileBytes().endsWith("] next line\n"));
     QFile::remove(rotated);
     QVERIFY(LogFile::clear());
+}
+
+void TestLogSink::testMuteIsPerThread()
+{
+    QVERIFY(LogFile::clear());
+    setThreadLogMuted(true);
+    log("muted");
+    std::thread other([] { log("other thread"); });
+    other.join();
+    setThreadLogMuted(false);
+    log("after");
+    QCOMPARE(LogFile::messages(), (QStringList{"other thread", "after"}));
 }
 
 QTEST_APPLESS_MAIN(TestLogSink)
