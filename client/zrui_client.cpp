@@ -19,6 +19,11 @@ struct zrui_conn
     // Set after a time-out or a malformed header: the next bytes on the
     // stream no longer start a response.
     int broken;
+    // Set once the server has answered a request on this connection.
+    int answered;
+    // Per-call deadline (ms, 0 = none) that replaces the opening deadline
+    // once the first answer has come.
+    int callTimeoutMs;
     // Outgoing packet and incoming PIN results; wiped after every use.
     unsigned char packet[COMMPACK_MAX_SIZE];
     unsigned char scratch[COMMPACK_MAX_DATA];
@@ -64,6 +69,10 @@ const char *zrui_strerror(int code)
         return "ZRUI_E_INVAL: invalid argument";
     case ZRUI_E_PROTO:
         return "ZRUI_E_PROTO: malformed or unexpected response";
+    case ZRUI_E_PEER:
+        return "ZRUI_E_PEER: the server runs under another user id (refused)";
+    case ZRUI_E_BUSY:
+        return "ZRUI_E_BUSY: the server is busy with another program (no answer in time)";
     default:
         return "unknown error code";
     }
@@ -82,7 +91,25 @@ int zrui_socket_name(const char *serverName, char *out, size_t cap)
 
 int zrui_open(const char *serverName, zrui_conn **out)
 {
-    if (!out)
+    return zrui_open_timeout(serverName, 0, out);
+}
+
+// Both directions get the deadline: on a Unix stream socket the send
+// time-out also bounds a connect that waits for room in a full backlog.
+static int setDeadline(int fd, int ms)
+{
+    struct timeval tv;
+    tv.tv_sec = ms / 1000;
+    tv.tv_usec = (ms % 1000) * 1000;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0
+        || setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv) != 0)
+        return ZRUI_E_IO;
+    return ZRUI_OK;
+}
+
+int zrui_open_timeout(const char *serverName, int timeoutMs, zrui_conn **out)
+{
+    if (!out || timeoutMs < 0)
         return ZRUI_E_INVAL;
     *out = NULL;
 
@@ -107,12 +134,28 @@ int zrui_open(const char *serverName, zrui_conn **out)
         free(h);
         return ZRUI_E_IO;
     }
-    if (connect(h->fd, (struct sockaddr *)&addr, addrLen) != 0) {
+    if (setDeadline(h->fd, timeoutMs) != ZRUI_OK
+        || connect(h->fd, (struct sockaddr *)&addr, addrLen) != 0) {
         const int err = errno;
         close(h->fd);
         free(h);
         errno = err;
-        return (err == ECONNREFUSED || err == ENOENT) ? ZRUI_E_NOSERVER : ZRUI_E_IO;
+        if (err == ECONNREFUSED || err == ENOENT)
+            return ZRUI_E_NOSERVER;
+        // The backlog stayed full: the server serves other programs.
+        return (err == EAGAIN || err == ETIMEDOUT) ? ZRUI_E_BUSY : ZRUI_E_IO;
+    }
+    // The name may be held by another user's process; it must not see a
+    // single request (a PIN prompt it answers would be believed).
+    struct ucred cred;
+    socklen_t credLen = sizeof cred;
+    if (getsockopt(h->fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0 || credLen != sizeof cred
+        || cred.uid != getuid()) {
+        const int err = errno;
+        close(h->fd);
+        free(h);
+        errno = err;
+        return ZRUI_E_PEER;
     }
     *out = h;
     return ZRUI_OK;
@@ -141,12 +184,8 @@ int zrui_set_timeout(zrui_conn *h, int ms)
 {
     if (!h || ms < 0)
         return ZRUI_E_INVAL;
-    struct timeval tv;
-    tv.tv_sec = ms / 1000;
-    tv.tv_usec = (ms % 1000) * 1000;
-    if (setsockopt(h->fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0)
-        return ZRUI_E_IO;
-    return ZRUI_OK;
+    h->callTimeoutMs = ms;
+    return setDeadline(h->fd, ms);
 }
 
 int zrui_send_raw(zrui_conn *h, const void *bytes, size_t len)
@@ -212,9 +251,18 @@ int zrui_request(zrui_conn *h, uint32_t op, const void *data, uint32_t len, uint
 
     rc = zrui_recv_raw(h, &hdr, sizeof hdr);
     if (rc != ZRUI_OK) {
-        if (rc == ZRUI_E_TIMEOUT)
+        if (rc == ZRUI_E_TIMEOUT) {
             h->broken = 1;
+            // The server takes one connection at a time: a first request
+            // left unanswered waits behind another program's connection.
+            if (!h->answered)
+                return ZRUI_E_BUSY;
+        }
         return rc;
+    }
+    if (!h->answered) {
+        h->answered = 1;
+        setDeadline(h->fd, h->callTimeoutMs);
     }
     if (hdr.datalen > COMMPACK_MAX_DATA) {
         h->broken = 1;

@@ -11,6 +11,8 @@ PACKAGES=(
   xvfb xauth xdotool x11-utils
   fonts-noto-cjk fonts-dejavu-core
   util-linux
+  libsystemd-dev systemd
+  debhelper dpkg-dev lintian fakeroot debootstrap
   strace libxcb1-dev
 )
 

@@ -51,11 +51,15 @@ echo "run: log: /tmp/uilog.txt, stand-in token libraries: $build/tokenlib/"
 
 if [ -x "$bin/zrui-cli" ]; then
   if [ "$interactive" = 1 ]; then
-    "$bin/zrui-cli" demo
+    "$bin/zrui-cli" demo || true
   else
-    "$bin/zrui-cli" demo --unattended
+    "$bin/zrui-cli" demo --unattended || true
   fi
-else
-  echo "run: press Ctrl+C to stop the server."
-  wait "$server"
 fi
+# The server keeps serving after the demo: drive it from another terminal.
+echo "run: ZRUIServer keeps serving on ${socket}; from another terminal, try:"
+echo "run:   $bin/zrui-cli pin verify"
+echo "run:   $bin/zrui-cli message --title Title_Warning --text PIN_Locked"
+echo "run:   $bin/zrui-cli list \"Signing key\" \"Encryption key\""
+echo "run: press Ctrl+C to stop the server."
+wait "$server" || true

@@ -1,18 +1,23 @@
 #include "FIFO_Service.h"
 
 #include "app/TokenLibs.h"
+#include "service/ActivatedSocket.h"
 #include "service/Protocol.h"
 #include "service/UiStatusHandler.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QMetaObject>
+#include <QSettings>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -28,6 +33,17 @@ namespace {
 // Size of sockaddr_un on Linux: 2 bytes of family and 108 of path.
 constexpr unsigned int kAddrSize = sizeof(sockaddr_un);
 static_assert(kAddrSize == 110, "sockaddr_un is expected to be 110 bytes");
+
+// Deliberate departure: one client must not hold the service. A request
+// that has begun must be complete within this time, and a response must be
+// taken within it.
+constexpr int kRequestCompleteMs = 5000;
+// How often an idle connection re-checks whether one of its windows is up
+// (the user answers without the client sending anything).
+constexpr int kIdleStepMs = 250;
+// A message-box client that left: the wait ends without an answer.
+constexpr int kMsgClientGone = -3;
+constexpr int kDefaultIdleSeconds = 60;
 
 quint32 readU32(const void *pack, int offset)
 {
@@ -86,7 +102,15 @@ FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *par
     , m_hDev(0)
     , m_hContext(0)
     , m_settings(settings)
-{ }
+{
+    // Read here, in the creating thread: the settings object is not shared
+    // with the service thread.
+    if (m_settings) {
+        bool ok = false;
+        const int idle = m_settings->value("UIServer/idleseconds", kDefaultIdleSeconds).toInt(&ok);
+        m_idleSeconds = ok && idle >= 1 ? idle : kDefaultIdleSeconds;
+    }
+}
 
 // Closes nothing: the accept loop has released the sockets and handles
 // before it returned.
@@ -120,8 +144,17 @@ void FIFO_Service::CreatePipeAndListen()
     if (!makeAddr(name.constData(), &addr, &addrLen))
         qDebug() << "makeAddr() failed";
 
-    if (bind(m_hListenSocket, reinterpret_cast<sockaddr *>(&addr), addrLen) != 0) {
+    // Socket activation: the service manager's socket, already listening on
+    // this name, replaces the one just made (listen() below then only sets
+    // the backlog).
+    if (const int activated = ActivatedSocket::take(name, m_timeout); activated >= 0) {
+        close(m_hListenSocket);
+        m_hListenSocket = activated;
+    } else if (bind(m_hListenSocket, reinterpret_cast<sockaddr *>(&addr), addrLen) != 0) {
+        const int bindErr = errno;
         qDebug() << "bind() failed";
+        if (bindErr == EADDRINUSE)
+            reportNameHolder(name, addr, addrLen);
         emit start_pipe_failed();
         return;
     }
@@ -138,14 +171,10 @@ void FIFO_Service::CreatePipeAndListen()
     m_Listening = true;
 
     while (m_Listening) {
-        m_hContext = 0;
-        m_hDev = 0;
-        m_allowedOps.clear();
-        m_allowedOps.insert(REQ_BeginSession);
-
         qDebug() << "CreatePipeAndListen: call accept...";
-        m_sock = accept(m_hListenSocket, reinterpret_cast<sockaddr *>(&clientAddr), &clientLen);
-        if (m_sock < 0) {
+        const int sock
+                = accept(m_hListenSocket, reinterpret_cast<sockaddr *>(&clientAddr), &clientLen);
+        if (sock < 0) {
             // The 1 s receive time-out lands here every second while nobody
             // connects: that is how the loop sees StopPipeListening().
             emit pipe_accept_failed();
@@ -161,36 +190,18 @@ void FIFO_Service::CreatePipeAndListen()
         // away before a single byte is read.
         ucred cred;
         socklen_t credLen = sizeof cred;
-        if (getsockopt(m_sock, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) {
+        if (getsockopt(sock, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) {
             qDebug("rejected peer: getsockopt(SO_PEERCRED) failed, errno=%d", errno);
-            close(m_sock);
+            close(sock);
             continue;
         }
         if (cred.uid != getuid()) {
             qDebug("rejected peer uid=%u pid=%d: not this user", unsigned(cred.uid), int(cred.pid));
-            close(m_sock);
+            close(sock);
             continue;
         }
 
-        for (;;) {
-            memset(recvPack, 0, sizeof recvPack);
-            if (!RecvPack(recvPack)) {
-                qDebug() << "RecvPack() failed";
-                emit pipe_comm_failed();
-                break;
-            }
-            if (m_hDev != 0 && ZRK_IsDevPresent && ZRK_IsDevPresent(m_hDev) != 0) {
-                qDebug() << "UI_TOKEN_NOT_PRESENT";
-                SendResp(UI_TOKEN_NOT_PRESENT, nullptr, 0);
-                break;
-            }
-            if (!HandleClientRequest(recvPack)) {
-                qDebug() << "HandleClientRequest() failed";
-                emit pipe_comm_failed();
-                break;
-            }
-        }
-        endConnection();
+        ServeConnection(sock);
     }
 
     if (m_hListenSocket > 0) {
@@ -205,6 +216,80 @@ void FIFO_Service::CreatePipeAndListen()
         QMetaObject::invokeMethod(app, "quit", Qt::QueuedConnection);
 }
 
+/**
+ * Serves the connected socket @p fd from a fresh session (no handles, only
+ * REQ_BeginSession allowed) until the connection ends, then cleans up and
+ * closes @p fd. Runs in the service thread.
+ */
+void FIFO_Service::ServeConnection(int fd)
+{
+    m_hContext = 0;
+    m_hDev = 0;
+    m_allowedOps.clear();
+    m_allowedOps.insert(REQ_BeginSession);
+    m_pinOpen = m_listOpen = m_waitingOpen = false;
+    m_sendStalled = false;
+    m_sock = fd;
+
+    // A client that stops reading must not block the service in send().
+    timeval sendTimeout;
+    sendTimeout.tv_sec = kRequestCompleteMs / 1000;
+    sendTimeout.tv_usec = 0;
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
+
+    for (;;) {
+        memset(recvPack, 0, sizeof recvPack);
+        if (!RecvPack(recvPack)) {
+            qDebug() << "RecvPack() failed";
+            emit pipe_comm_failed();
+            break;
+        }
+        if (m_hDev != 0 && ZRK_IsDevPresent && ZRK_IsDevPresent(m_hDev) != 0) {
+            qDebug() << "UI_TOKEN_NOT_PRESENT";
+            SendResp(UI_TOKEN_NOT_PRESENT, nullptr, 0);
+            break;
+        }
+        if (!HandleClientRequest(recvPack)) {
+            qDebug() << "HandleClientRequest() failed";
+            emit pipe_comm_failed();
+            break;
+        }
+        if (m_sendStalled) {
+            qDebug() << "client does not take its responses, connection closed";
+            emit pipe_comm_failed();
+            break;
+        }
+    }
+    endConnection();
+    m_sock = -1;
+}
+
+/**
+ * Abstract names carry no permissions: any local user can take ours. Says
+ * who holds @p name (SO_PEERCRED of a connection to it) in the log and on
+ * stderr, so a squatter does not pass for a second instance.
+ */
+void FIFO_Service::reportNameHolder(const QByteArray &name, const sockaddr_un &addr,
+                                    unsigned int addrLen)
+{
+    QByteArray line = "socket name @" + name;
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ucred cred;
+    socklen_t credLen = sizeof cred;
+    if (probe >= 0 && ::connect(probe, reinterpret_cast<const sockaddr *>(&addr), addrLen) == 0
+        && getsockopt(probe, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) == 0) {
+        line += " is held by uid " + QByteArray::number(uint(cred.uid)) + " (pid "
+                + QByteArray::number(int(cred.pid)) + ")";
+    } else {
+        line += " is held by a process that does not accept connections";
+    }
+    if (probe >= 0)
+        close(probe);
+    qDebug("%s", line.constData());
+    fprintf(stderr, "%s\n", line.constData());
+    fflush(stderr);
+}
+
 void FIFO_Service::endConnection()
 {
     if (m_hDev != 0) {
@@ -217,8 +302,11 @@ void FIFO_Service::endConnection()
             ZRK_ReleaseContext(m_hContext);
         m_hContext = 0;
     }
+    // No window outlives the connection that opened it.
     emit hide_pin_dialog();
     emit hide_waiting_dialog();
+    emit hide_list_dialog();
+    emit hide_message_dialog();
     qDebug() << "Service will auto exit after keepaliveseconds...";
     emit startExitTimer();
     // Kept on purpose: descriptor 0 is never closed.
@@ -297,6 +385,11 @@ int FIFO_Service::SendBuff(void *pdata, int datalen)
     // One system call, no retry, no EINTR loop. MSG_NOSIGNAL: a client that
     // leaves before reading its answer must not kill the process by SIGPIPE.
     const int writelen = int(send(m_sock, pdata, size_t(datalen < 0 ? 0 : datalen), MSG_NOSIGNAL));
+    // The send time-out ran out: the client does not read (a part that
+    // went out leaves the stream out of step as well).
+    if ((writelen < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        || (writelen >= 0 && writelen < datalen))
+        m_sendStalled = true;
     if (holdsPin)
         explicit_bzero(bytes + COMMPACK_HEADER_SIZE, size_t(datalen - COMMPACK_HEADER_SIZE));
     qDebug() << "SendBuff: Sended writelen=" << writelen;
@@ -338,7 +431,11 @@ bool FIFO_Service::RecvPack(void *pReqData)
     const auto *hdr = static_cast<const COMMPACK *>(pReqData);
 
     qDebug() << "RecvPack: RecvBuff......";
+    if (!waitForRequest())
+        return false;
     int recvLen = RecvBuff(buf, COMMPACK_MAX_SIZE);
+    QElapsedTimer begun;
+    begun.start();
     qDebug() << "RecvPack: RecvBuff recvLen=" << recvLen
              << ", sizeof(COMMPACK)=" << sizeof(COMMPACK)
              << ", ((PCOMMPACK)pReqData)->datalen=" << hdr->datalen;
@@ -351,6 +448,17 @@ bool FIFO_Service::RecvPack(void *pReqData)
 
     while (quint64(hdr->datalen) + COMMPACK_HEADER_SIZE > rcount) {
         qDebug() << "RecvPack: RecvBuff rcount=" << rcount;
+        // Deliberate departure: the rest of a begun request has a deadline.
+        pollfd pfd = {m_sock, POLLIN, 0};
+        int ready;
+        do {
+            const qint64 left = kRequestCompleteMs - begun.elapsed();
+            ready = left > 0 ? poll(&pfd, 1, int(left)) : 0;
+        } while (ready < 0 && errno == EINTR);
+        if (ready == 0) {
+            qDebug("request not complete within %d ms, connection closed", kRequestCompleteMs);
+            return false;
+        }
         recvLen = RecvBuff(buf + rcount, int(COMMPACK_MAX_SIZE - rcount));
         qDebug() << "RecvPack: RecvBuff recvLen=" << recvLen;
         if (recvLen < 1)
@@ -379,16 +487,81 @@ bool FIFO_Service::SendResp(unsigned long resp, void *data, unsigned long datale
     return SendBuff(sendPack, int(COMMPACK_HEADER_SIZE + hdr->datalen)) > 0;
 }
 
+/**
+ * Waits in 200 ms steps for the user's answer to the message box. The
+ * client waits for its response while the user decides; a client that
+ * leaves meanwhile (hang-up seen on the socket) ends the wait: the box is
+ * closed as Cancel and kMsgClientGone returned.
+ */
 int FIFO_Service::waitForMessageAnswer(UiStatusHandler *ui)
 {
-    // No time limit and no way for the client to interrupt: the client waits
-    // for its response while the user decides.
     int status;
     while ((status = ui->GetMsgStatus()) == -1) {
         qDebug() << "wait for the message answer, msgStatus=" << status;
-        usleep(200000);
+        // Deliberate departure: the step also watches for the client leaving.
+        pollfd pfd = {m_sock, POLLRDHUP, 0};
+        if (poll(&pfd, 1, 200) > 0 && (pfd.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+            qDebug() << "client gone while waiting for the message answer, message closed";
+            emit hide_message_dialog();
+            return kMsgClientGone;
+        }
     }
     return status;
+}
+
+/**
+ * A window of this connection is up: the waiting window (the token is busy),
+ * or a PIN or list dialog the user has not answered yet.
+ */
+bool FIFO_Service::windowOpen() const
+{
+    if (m_waitingOpen)
+        return true;
+    UiStatusHandler *ui = statusHandler();
+    if (!ui)
+        return false;
+    if (m_pinOpen) {
+        unsigned char *pin = nullptr;
+        unsigned long pinLen = 0;
+        if (ui->GetPINStatus(&pin, &pinLen) == -1)
+            return true;
+    }
+    if (m_listOpen) {
+        int status = -1;
+        int index = 0;
+        ui->GetListSelectStatus(status, index);
+        if (status == -1)
+            return true;
+    }
+    return false;
+}
+
+/**
+ * Waits until the next request begins (or the socket reports an end, which
+ * the read then sees). Deliberate departure: false when the connection sent
+ * nothing for m_idleSeconds while none of its windows was open; it then ends
+ * as if the client had closed it.
+ */
+bool FIFO_Service::waitForRequest()
+{
+    if (m_sock < 0)
+        return true;
+    const qint64 idleMs = qint64(m_idleSeconds) * 1000;
+    QElapsedTimer idle;
+    idle.start();
+    for (;;) {
+        if (windowOpen())
+            idle.restart();
+        const qint64 left = idleMs - idle.elapsed();
+        if (left <= 0) {
+            qDebug("connection idle for %d s with no window open, closed", m_idleSeconds);
+            return false;
+        }
+        pollfd pfd = {m_sock, POLLIN, 0};
+        const int ready = poll(&pfd, 1, int(qMin<qint64>(left, kIdleStepMs)));
+        if (ready > 0 || (ready < 0 && errno != EINTR))
+            return true;
+    }
 }
 
 /**
@@ -442,6 +615,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_BeginSession;
+        // Nothing of the session can be asked for any more.
+        m_pinOpen = m_listOpen = m_waitingOpen = false;
         qDebug() << "Service will auto exit after keepaliveseconds...";
         emit startExitTimer();
         return true;
@@ -451,6 +626,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         ui->SetPINStatus(-1, nullptr, 0);
         qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << pintype << ")";
         emit show_pin_dialog(pintype);
+        m_pinOpen = true;
         m_allowedOps.clear();
         m_allowedOps << REQ_PIN_GetPIN << REQ_Waiting_Show;
         SendResp(UI_OK, nullptr, 0);
@@ -488,6 +664,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
             emit show_message_dialog(title, tr("There are %1 times remaining").arg(qint32(tries)),
                                      REQ_PIN_Retry);
         const int status = waitForMessageAnswer(ui);
+        if (status == kMsgClientGone)
+            return false;
         // The response goes out before the new state is set and before the
         // PIN dialog comes back.
         if (status == 1) {
@@ -511,6 +689,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
     case REQ_PIN_Finish:
         qDebug() << "REQ_PIN_Finish";
         emit hide_pin_dialog();
+        m_pinOpen = false;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_MessageBox << REQ_EndSession;
@@ -521,6 +700,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         const QString text = readString(reqPack, 12);
         qDebug() << text;
         emit show_waiting_dialog(text, type);
+        m_waitingOpen = true;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_Reserved_8 << REQ_Waiting_Finish;
@@ -529,6 +709,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
     case REQ_Waiting_Finish:
         qDebug() << "REQ_Waiting_Finish";
         emit hide_waiting_dialog();
+        m_waitingOpen = false;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_PIN_Retry << REQ_PIN_Finish << REQ_EndSession;
@@ -540,6 +721,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         qDebug() << text;
         ui->SetListSelectStatus(-1, 0);
         emit show_list_dialog(param, text);
+        // Only type 0 shows a window; the others answer (or not) at once.
+        m_listOpen = param == 0;
         SendResp(UI_OK, nullptr, 0);
         m_allowedOps.clear();
         m_allowedOps << REQ_List_GetSel;
@@ -550,6 +733,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         int status = -1;
         int index = 0;
         ui->GetListSelectStatus(status, index);
+        if (status == 0 || status == 1)
+            m_listOpen = false;
         if (status == 0) {
             SendResp(UI_USER_CANCEL, nullptr, 0);
         } else if (status == 1) {
@@ -573,6 +758,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         ui->SetMsgStatus(-1);
         emit show_message_dialog(title, text, type);
         const int status = waitForMessageAnswer(ui);
+        if (status == kMsgClientGone)
+            return false;
         // Confirm and cancel are deliberately not told apart.
         SendResp(unsigned(status) < 2 ? UI_OK : UI_NO_RESULT, nullptr, 0);
         m_allowedOps.clear();

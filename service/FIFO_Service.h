@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cstdint>
 
+class QByteArray;
 class QSettings;
+struct sockaddr_un;
 class UiStatusHandler;
 
 /**
@@ -23,6 +25,9 @@ public:
     FIFO_Service(QObject *uiService, QSettings *settings, QObject *parent = nullptr);
     ~FIFO_Service() override;
 
+    /** Serves one accepted connection of this user to its end; closes @p fd. */
+    void ServeConnection(int fd);
+
 signals:
     void start_pipe_failed();
     void pipe_comm_failed();
@@ -35,6 +40,8 @@ signals:
     void hide_waiting_dialog();
     void show_pin_dialog(unsigned long type);
     void hide_pin_dialog();
+    void hide_list_dialog();
+    void hide_message_dialog();
 
 public slots:
     void CreatePipeAndListen();
@@ -65,7 +72,22 @@ private:
     // sender redacts the hex dump and wipes the bytes after the write.
     bool m_sendHoldsPin = false;
 
+    // Seconds a connection may send nothing while none of its windows is
+    // open ("UIServer/idleseconds", read once in the constructor).
+    int m_idleSeconds = 60;
+    // The windows this connection has open, as its requests tell: the PIN
+    // dialog from REQ_PIN_Show to REQ_PIN_Finish, the list until its answer
+    // was delivered, the waiting window until REQ_Waiting_Finish.
+    bool m_pinOpen = false;
+    bool m_listOpen = false;
+    bool m_waitingOpen = false;
+    // A response could not be written within the send time-out.
+    bool m_sendStalled = false;
+
     UiStatusHandler *statusHandler() const;
     int waitForMessageAnswer(UiStatusHandler *ui);
+    bool waitForRequest();
+    bool windowOpen() const;
     void endConnection();
+    void reportNameHolder(const QByteArray &name, const sockaddr_un &addr, unsigned int addrLen);
 };

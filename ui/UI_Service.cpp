@@ -12,6 +12,7 @@
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QDir>
 #include <QFileInfo>
 #include <QSettings>
 #include <QStringList>
@@ -20,9 +21,11 @@
 #include <QWindow>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -33,10 +36,36 @@ const char DEFAULT_LIBRARY_DIR[] = "/usr/lib/Orlentis_V5/std_5.1/lib/";
  * as the event loop starts. The exit status stays 0 and no window is shown;
  * kept on purpose.
  */
-void failExit(const char *text)
+void failExit(const char *text, const QString &whatToFix)
 {
     qWarning("%s", text);
+    // The log line above is the program's record; a person who started it
+    // from a terminal or a unit is told here, in one sentence, what to fix.
+    fprintf(stderr, "ZRUIServer: %s\n", whatToFix.toLocal8Bit().constData());
     QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+}
+
+// "<dir>/<name>" for the places the program looks at, working directory first.
+QString searchedPlaces(const char *name)
+{
+    return QStringLiteral("%1/%3 or %2/%3")
+            .arg(QDir::currentPath(), QCoreApplication::applicationDirPath(), QLatin1String(name));
+}
+
+// The file to edit: an installed configuration is a link into /etc.
+QString editablePath(const QString &file)
+{
+    const QFileInfo info(file);
+    const QString canonical = info.canonicalFilePath();
+    return canonical.isEmpty() ? info.absoluteFilePath() : canonical;
+}
+
+QString libraryHint(const QString &confFile, const QString &dir, const char *library)
+{
+    return QStringLiteral("cannot load the token library %1%2: set SAFEPATH in %3 to the "
+                          "directory that holds libzrkapi.so, libzralg.so and libaux.so "
+                          "(with a trailing slash).")
+            .arg(dir, QLatin1String(library), editablePath(confFile));
 }
 
 // The status values -1 (pending) and -2 (initial) never close a dialog.
@@ -56,7 +85,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
 {
     const QString confFile = locateConfigFile();
     if (confFile.isEmpty()) {
-        failExit("cannot find ZRUIConf.ini! exited");
+        failExit("cannot find ZRUIConf.ini! exited",
+                 QStringLiteral("no configuration file at %1: create one with the line "
+                                "SAFEPATH=<directory of the token libraries>/.")
+                         .arg(searchedPlaces("ZRUIConf.ini")));
         return;
     }
     qDebug() << "SAFEPATH Settings:" << confFile << QFileInfo(confFile).absoluteFilePath();
@@ -74,20 +106,24 @@ UI_Service::UI_Service(float scale, QObject *parent)
     QByteArray libraryDir = libraryBaseDir.toLocal8Bit();
 
     if (!LoadLib_ZRKAPI(0, libraryDir.data())) {
-        failExit("LoadLib_ZRKAPI failed, exit");
+        failExit("LoadLib_ZRKAPI failed, exit",
+                 libraryHint(confFile, libraryBaseDir, "libzrkapi.so"));
         return;
     }
     if (!LoadLib_Alg(0, libraryDir.data())) {
-        failExit("LoadLib_Alg Failed!");
+        failExit("LoadLib_Alg Failed!", libraryHint(confFile, libraryBaseDir, "libzralg.so"));
         return;
     }
     if (!LoadLib_Aux(0, libraryDir.data())) {
-        failExit("LoadLib_Aux Failed!");
+        failExit("LoadLib_Aux Failed!", libraryHint(confFile, libraryBaseDir, "libaux.so"));
         return;
     }
     g_ZRConfig = AuxLoadKestrovaIni(0);
     if (!g_ZRConfig) {
-        failExit("AuxLoadKestrovaIni Failed!");
+        failExit("AuxLoadKestrovaIni Failed!",
+                 QStringLiteral("the token stack in %1 returned no configuration: check its "
+                                "installation or SAFEPATH in %2.")
+                         .arg(libraryBaseDir, editablePath(confFile)));
         return;
     }
 
@@ -95,7 +131,9 @@ UI_Service::UI_Service(float scale, QObject *parent)
     // (working directory first): kept on purpose.
     const QString resourceFile = locateResourceFile();
     if (resourceFile.isEmpty()) {
-        failExit("cannot find resources.rcc! exited");
+        failExit("cannot find resources.rcc! exited",
+                 QStringLiteral("no resource file at %1: reinstall the program.")
+                         .arg(searchedPlaces("resources.rcc")));
         return;
     }
     const QString resourceDir = QFileInfo(resourceFile).absolutePath() + "/";
@@ -103,7 +141,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
     QByteArray resourceDirBytes = resourceDir.toLocal8Bit();
     char resourceName[] = "resources.rcc";
     if (!FileIntegrityProtect(resourceDirBytes.data(), resourceName)) {
-        failExit("Integrity Protect Failed!");
+        failExit("Integrity Protect Failed!",
+                 QStringLiteral("the signature in %1integrityprotect.ini does not match "
+                                "%1resources.rcc: reinstall both files together.")
+                         .arg(resourceDir));
         return;
     }
 
@@ -146,6 +187,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
     connect(fifoService, SIGNAL(show_pin_dialog(unsigned long)), this,
             SLOT(on_pin_dialog_show(unsigned long)), Qt::AutoConnection);
     connect(fifoService, SIGNAL(hide_pin_dialog()), this, SLOT(on_pin_dialog_hide()),
+            Qt::AutoConnection);
+    connect(fifoService, SIGNAL(hide_list_dialog()), this, SLOT(on_list_dialog_hide()),
+            Qt::AutoConnection);
+    connect(fifoService, SIGNAL(hide_message_dialog()), this, SLOT(on_message_dialog_hide()),
             Qt::AutoConnection);
 
     if (protectedSettings->contains("UIServer/keepaliveseconds")) {
@@ -331,6 +376,10 @@ void UI_Service::on_pin_dialog_hide()
 void UI_Service::on_start_pipe_failed()
 {
     qDebug() << "call on_start_pipe_failed(), service will exit";
+    fprintf(stderr,
+            "ZRUIServer: cannot listen on the abstract socket @%s%u (is another "
+            "ZRUIServer of this user running?); details in the log file.\n",
+            qPrintable(QCoreApplication::applicationName()), unsigned(getuid()));
     QCoreApplication::quit();
 }
 

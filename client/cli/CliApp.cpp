@@ -121,6 +121,10 @@ int cliExitForCode(int code)
         return CliClosed;
     case ZRUI_E_NORESULT:
         return CliNoResult;
+    case ZRUI_E_PEER:
+        return CliForeignServer;
+    case ZRUI_E_BUSY:
+        return CliBusy;
     case ZRUI_E_INVAL:
         return CliUsage;
     default:
@@ -140,7 +144,7 @@ CliApp::~CliApp()
 QString CliApp::usage()
 {
     return QStringLiteral(
-            "Usage: zrui-cli [--server NAME] [--json] COMMAND [options]\n"
+            "Usage: zrui-cli [--server NAME] [--json] [--timeout SECONDS] COMMAND [options]\n"
             "\n"
             "Drives ZRUIServer over its per-user socket, as the token middleware does.\n"
             "\n"
@@ -158,33 +162,66 @@ QString CliApp::usage()
             "  --server NAME     application name of the server (default ZRUIServer); the socket\n"
             "                    is NAME followed by your user id\n"
             "  --json            print the steps as one JSON document\n"
+            "  --timeout SECONDS deadline for the server to take the connection (default 10;\n"
+            "                    exit 11 when it is busy with another program) and, for pin,\n"
+            "                    retry and list, for the answer\n"
+            "  --version         print the version\n"
             "  -h, --help        show this help; COMMAND --help shows the command's options\n"
             "\n"
             "Exit status:\n"
             "  0 done, 1 socket or protocol error, 2 bad command line, 3 the user cancelled,\n"
             "  4 state error (operation not allowed now), 5 token not present, 6 no server,\n"
-            "  7 no answer within --timeout, 8 connection closed by the server, 9 no result\n");
+            "  7 no answer within --timeout, 8 connection closed by the server, 9 no result,\n"
+            "  10 the socket is held by another user's process (refused), 11 the server is busy\n"
+            "  with another program\n");
 }
 
 int CliApp::run(const QStringList &arguments)
 {
-    QStringList args = arguments;
+    QStringList args;
     server = QStringLiteral("ZRUIServer");
-    while (!args.isEmpty() && args.first().startsWith(QLatin1Char('-'))) {
-        const QString opt = args.takeFirst();
+    // Global options may stand anywhere on the line; the rest, in order, is
+    // the command and its own options. --timeout also reaches the commands
+    // that wait for a person.
+    QString timeout;
+    for (int i = 0; i < arguments.size(); ++i) {
+        const QString &opt = arguments.at(i);
+        const bool hasValue = i + 1 < arguments.size();
         if (opt == QLatin1String("--json")) {
             json = true;
-        } else if (opt == QLatin1String("--server") && !args.isEmpty()) {
-            server = args.takeFirst();
+        } else if (opt == QLatin1String("--version")) {
+            printText(QStringLiteral("zrui-cli %1\n").arg(QStringLiteral(ZRUI_VERSION)));
+            return CliOk;
+        } else if ((opt == QLatin1String("--server") || opt == QLatin1String("--timeout"))
+                   && hasValue) {
+            (opt == QLatin1String("--server") ? server : timeout) = arguments.at(++i);
         } else if (opt.startsWith(QLatin1String("--server="))) {
             server = opt.mid(9);
-        } else if (opt == QLatin1String("-h") || opt == QLatin1String("--help")) {
+        } else if (opt.startsWith(QLatin1String("--timeout="))) {
+            timeout = opt.mid(10);
+        } else if (args.isEmpty() && opt.startsWith(QLatin1Char('-'))) {
+            if (opt != QLatin1String("-h") && opt != QLatin1String("--help")) {
+                printError(QStringLiteral("unknown option %1 (see --help)").arg(opt));
+                return CliUsage;
+            }
             printText(usage());
             return CliOk;
         } else {
-            printError(QStringLiteral("unknown option %1 (see --help)").arg(opt));
+            args.append(opt);
+        }
+    }
+    if (!timeout.isEmpty()) {
+        bool ok = false;
+        const double s = timeout.toDouble(&ok);
+        if (!ok || s <= 0 || s > 24 * 3600) {
+            printError(QStringLiteral("bad --timeout %1 (seconds, see --help)").arg(timeout));
             return CliUsage;
         }
+        busyTimeoutMs = int(s * 1000);
+        if (!args.isEmpty()
+            && QStringList({QStringLiteral("pin"), QStringLiteral("retry"), QStringLiteral("list")})
+                       .contains(args.first()))
+            args << QStringLiteral("--timeout") << timeout;
     }
     if (args.isEmpty()) {
         printError(QStringLiteral("no command given (see --help)"));
@@ -220,13 +257,17 @@ int CliApp::run(const QStringList &arguments)
 
 int CliApp::openSession(quint64 devRef)
 {
-    const int rc = zrui_open(server.toUtf8().constData(), &conn);
+    // Bounded: while another program is served, neither the connection nor
+    // its first request is answered, and that is told apart from a time-out.
+    const int rc = zrui_open_timeout(server.toUtf8().constData(), busyTimeoutMs, &conn);
     if (rc != ZRUI_OK) {
         conn = nullptr;
         return fail(QStringLiteral("connect %1").arg(server), rc);
     }
     const int begin = zrui_begin_session(conn, devRef);
     out->step(QStringLiteral("REQ_BeginSession"), begin);
+    if (begin == ZRUI_E_BUSY && !json)
+        printError(QString::fromUtf8(zrui_strerror(begin)));
     if (begin != ZRUI_OK)
         return cliExitForCode(begin);
     return CliOk;
@@ -546,7 +587,7 @@ int CliApp::cmdSession(const QStringList &args)
         printError(QStringLiteral("session: %1").arg(script.errorText()));
         return CliUsage;
     }
-    const int code = zrui_open(server.toUtf8().constData(), &conn);
+    const int code = zrui_open_timeout(server.toUtf8().constData(), busyTimeoutMs, &conn);
     if (code != ZRUI_OK) {
         conn = nullptr;
         return fail(QStringLiteral("connect %1").arg(server), code);

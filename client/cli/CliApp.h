@@ -47,6 +47,8 @@ private:
 
     QString server;
     bool json = false;
+    // Deadline of the connect and of the server's first answer.
+    int busyTimeoutMs = 10000;
     CliOutput *out = nullptr;
     zrui_conn *conn = nullptr;
 };

@@ -11,7 +11,9 @@ enum CliExit {
     CliNoServer = 6, // nobody listens on the socket
     CliTimeout = 7, // the user did not answer within --timeout
     CliClosed = 8, // the server closed the connection
-    CliNoResult = 9 // the server answered "no result"
+    CliNoResult = 9, // the server answered "no result"
+    CliForeignServer = 10, // the socket is held by a process of another user
+    CliBusy = 11 // the server is busy with another program
 };
 
 // Maps a client library code (ZRUI_OK, ZRUI_E_*) to an exit code.
