@@ -217,12 +217,12 @@ UI_Service::UI_Service(float scale, QObject *parent)
 }
 
 /**
- * The first dialog of a process paid for fonts, style, form and native
- * window set-up (several times a later one). Done here instead, when the
- * loop first goes idle after start-up: a PIN dialog built with its native
- * window and cursor, never shown; its first paint (glyphs, style pixmaps)
- * follows in a later turn of the loop unless a dialog was asked for
- * meanwhile. Its log lines are dropped: nobody asked for that dialog.
+ * The first dialog of a process paid for fonts, style, form, native window
+ * and cursor theme (several times a later one). Done here instead, when the
+ * loop first goes idle after start-up: a PIN dialog is built, and in a
+ * later turn, unless a dialog was asked for meanwhile, given its native
+ * window and cursor and painted off screen; it is never shown. Its log
+ * lines are dropped: nobody asked for that dialog.
  */
 void UI_Service::prewarm()
 {
@@ -230,15 +230,15 @@ void UI_Service::prewarm()
         return;
     setThreadLogMuted(true);
     auto *warm = new PINDialog(keyBoardMode, keyboardVisible, 0, this, scale, nullptr);
-    warm->winId();
-    if (QWindow *window = warm->windowHandle())
-        window->setCursor(Qt::ArrowCursor);
     setThreadLogMuted(false);
     // Should the loop end before the next turn, the coordinator takes it along.
     connect(this, &QObject::destroyed, warm, [warm] { delete warm; });
     QTimer::singleShot(0, warm, [this, warm] {
         if (!pinDialog) {
             setThreadLogMuted(true);
+            warm->winId();
+            if (QWindow *window = warm->windowHandle())
+                window->setCursor(Qt::ArrowCursor);
             warm->grab();
             setThreadLogMuted(false);
         }
