@@ -8,6 +8,7 @@
 #include "client/zrui_client.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
@@ -96,25 +97,35 @@ long rssKb(qint64 pid)
     return -1;
 }
 
-// Waits until the process has used no CPU time for 60 ms (at most 5 s).
+/*
+ * Waits until the process has gone idle: for 60 ms no CPU time used and no
+ * thread runnable (on a loaded machine a thread may wait for a CPU with its
+ * work undone). At most 5 s.
+ */
 void waitIdle(qint64 pid)
 {
-    auto ticks = [pid] {
-        QFile f(QStringLiteral("/proc/%1/stat").arg(pid));
-        if (!f.open(QIODevice::ReadOnly))
-            return QByteArray();
-        const QByteArray stat = f.readAll();
-        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
-        return fields.size() > 12 ? fields.at(11) + ' ' + fields.at(12) : QByteArray();
+    auto sample = [pid] {
+        QByteArray all;
+        const QString taskDir = QStringLiteral("/proc/%1/task/").arg(pid);
+        for (const QString &tid : QDir(taskDir).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+            QFile f(taskDir + tid + QStringLiteral("/stat"));
+            if (!f.open(QIODevice::ReadOnly))
+                continue;
+            const QByteArray stat = f.readAll();
+            const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+            if (fields.size() > 12)
+                all += fields.at(0) == "R" ? QByteArray("R") : fields.at(11) + ' ' + fields.at(12);
+        }
+        return all;
     };
     QElapsedTimer t;
     t.start();
-    QByteArray last = ticks();
+    QByteArray last = sample();
     int quiet = 0;
     while (quiet < 3 && t.elapsed() < 5000) {
         QThread::msleep(20);
-        const QByteArray now = ticks();
-        quiet = now == last ? quiet + 1 : 0;
+        const QByteArray now = sample();
+        quiet = now == last && !now.contains('R') ? quiet + 1 : 0;
         last = now;
     }
 }
