@@ -64,14 +64,15 @@ int main(int argc, char **argv)
     if (argc != 3)
         return 2;
     logPath = argv[2];
-    struct sockaddr_un addr = { .sun_family = AF_UNIX };
+    struct sockaddr_un addr = {.sun_family = AF_UNIX};
     size_t len = strlen(argv[1]);
     if (len + 1 >= sizeof addr.sun_path)
         return 2;
     memcpy(addr.sun_path + 1, argv[1], len);
     int ls = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (ls < 0
-        || bind(ls, (struct sockaddr *)&addr, (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + len))
+        || bind(ls, (struct sockaddr *)&addr,
+                (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + len))
         || listen(ls, 8))
         return 1;
     static unsigned char pack[COMMPACK_MAX_SIZE];
