@@ -1,17 +1,196 @@
 #include "LogSink.h"
 
 #include <QByteArray>
-#include <QDateTime>
-#include <QFile>
 #include <QMessageLogContext>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QString>
 
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 const char *const ZRUI_LOG_PATH = "/tmp/uilog.txt";
+const long long ZRUI_LOG_ROTATE_BYTES = 16LL * 1024 * 1024;
+
+namespace {
+
+const char LOG_NAME[] = "uilog.txt";
+
+thread_local bool threadMuted = false;
+
+/*
+ * O_NONBLOCK only matters for a FIFO planted under the name: without it the
+ * open would wait for a reader. It changes nothing for a regular file.
+ */
+int openLog(const char *path)
+{
+    return ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+                  S_IRUSR | S_IWUSR);
+}
+
+/*
+ * Opens path for one line. Deliberate departure: the descriptor is kept only
+ * when it is a regular file of this user with no second name (a hard link
+ * would let the line land in some other file of ours); anything else under
+ * the name is not written. A file past the rotation size becomes path".1"
+ * (replacing an older one) and a new file starts; where that rename is
+ * refused (a ".1" of another user in a sticky directory) the file starts
+ * again empty instead, so it never grows without bound.
+ *
+ * The fstat stays on every line: once this user has removed the file (by
+ * hand, a test, the rotation), any other user may create one under the name
+ * in /tmp before the next line, and only a look at the opened descriptor
+ * tells whose file the line would go to.
+ */
+int openChecked(const char *path)
+{
+    // geteuid is a real system call; the program never changes its uid.
+    static const uid_t owner = ::geteuid();
+    int fd = openLog(path);
+    if (fd < 0)
+        return -1;
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != owner || st.st_nlink != 1) {
+        ::close(fd);
+        return -1;
+    }
+    if (st.st_size < ZRUI_LOG_ROTATE_BYTES)
+        return fd;
+
+    char rotated[512];
+    if (std::snprintf(rotated, sizeof rotated, "%s.1", path) < int(sizeof rotated)
+        && ::rename(path, rotated) == 0) {
+        ::close(fd);
+        fd = openLog(path);
+        if (fd < 0)
+            return -1;
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != owner
+            || st.st_nlink != 1) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    if (::ftruncate(fd, 0) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/*
+ * Deliberate departure: where /tmp/uilog.txt is not ours, the line goes to
+ * $XDG_RUNTIME_DIR/uilog.txt under the same rules, or nowhere when that is
+ * unset. Read on each such line (rare), so a later environment counts.
+ */
+int openLogForLine()
+{
+    const int fd = openChecked(ZRUI_LOG_PATH);
+    if (fd >= 0)
+        return fd;
+    const char *runtimeDir = std::getenv("XDG_RUNTIME_DIR");
+    if (!runtimeDir || runtimeDir[0] != '/')
+        return -1;
+    char fallback[512];
+    if (std::snprintf(fallback, sizeof fallback, "%s/%s", runtimeDir, LOG_NAME)
+        >= int(sizeof fallback))
+        return -1;
+    return openChecked(fallback);
+}
+
+inline char *put2(char *p, int v)
+{
+    p[0] = char('0' + v / 10);
+    p[1] = char('0' + v % 10);
+    return p + 2;
+}
+
+/*
+ * "[yyyy-MM-dd HH:mm:ss zzz] " in local time. localtime_r reads the zone
+ * once per process; the clock is read without a system call (vDSO).
+ */
+void putStamp(char *p)
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct tm tm;
+    localtime_r(&now.tv_sec, &tm);
+    const int year = tm.tm_year + 1900;
+    const int ms = int(now.tv_nsec / 1000000);
+    *p++ = '[';
+    p = put2(p, year / 100 % 100);
+    p = put2(p, year % 100);
+    *p++ = '-';
+    p = put2(p, tm.tm_mon + 1);
+    *p++ = '-';
+    p = put2(p, tm.tm_mday);
+    *p++ = ' ';
+    p = put2(p, tm.tm_hour);
+    *p++ = ':';
+    p = put2(p, tm.tm_min);
+    *p++ = ':';
+    p = put2(p, tm.tm_sec);
+    *p++ = ' ';
+    *p++ = char('0' + ms / 100);
+    p = put2(p, ms % 100);
+    *p++ = ']';
+    *p = ' ';
+}
+
+const int STAMP_LEN = 26;
+
+/*
+ * UTF-8 of text into out (room for 3 bytes per UTF-16 unit). Returns the
+ * end, or nullptr on an unpaired surrogate: the caller then takes Qt's own
+ * encoder, so the bytes stay exactly what toUtf8() gives.
+ */
+char *putUtf8(char *out, const QString &text)
+{
+    const ushort *s = text.utf16();
+    const ushort *end = s + text.size();
+    while (s < end) {
+        const uint c = *s++;
+        if (c < 0x80) {
+            *out++ = char(c);
+        } else if (c < 0x800) {
+            *out++ = char(0xc0 | (c >> 6));
+            *out++ = char(0x80 | (c & 0x3f));
+        } else if (c < 0xd800 || c > 0xdfff) {
+            *out++ = char(0xe0 | (c >> 12));
+            *out++ = char(0x80 | ((c >> 6) & 0x3f));
+            *out++ = char(0x80 | (c & 0x3f));
+        } else if (c < 0xdc00 && s < end && *s >= 0xdc00 && *s <= 0xdfff) {
+            const uint u = 0x10000 + ((c - 0xd800) << 10) + (*s++ - 0xdc00);
+            *out++ = char(0xf0 | (u >> 18));
+            *out++ = char(0x80 | ((u >> 12) & 0x3f));
+            *out++ = char(0x80 | ((u >> 6) & 0x3f));
+            *out++ = char(0x80 | (u & 0x3f));
+        } else {
+            return nullptr;
+        }
+    }
+    return out;
+}
+
+void writeAll(int fd, const char *data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n <= 0)
+            return;
+        data += n;
+        size -= size_t(n);
+    }
+}
+
+} // namespace
 
 /**
  * Appends "[yyyy-MM-dd HH:mm:ss zzz] message" to the log file.
@@ -20,37 +199,50 @@ const char *const ZRUI_LOG_PATH = "/tmp/uilog.txt";
  * on disk when the handler returns, and a file removed from outside is
  * recreated by the next message. The file lives in a shared directory, so it
  * is created 0600 by open(2) itself (no window with wider bits) and a
- * symbolic link planted under its name is not followed. A message that
- * cannot be written is lost silently: the logger has nowhere to report.
+ * symbolic link planted under its name is not followed. The whole line goes
+ * out in one write(2), so lines of other writers never split it. A message
+ * that cannot be written is lost silently: the logger has nowhere to report.
  */
 void printlogtofile(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     Q_UNUSED(type);
     Q_UNUSED(context);
+    if (threadMuted)
+        return;
 
-    QFile file;
     static QMutex mutex;
     QMutexLocker locker(&mutex);
 
-    const int fd = ::open(ZRUI_LOG_PATH, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
-                          S_IRUSR | S_IWUSR);
+    char stamp[STAMP_LEN];
+    putStamp(stamp);
+    // Room for 3 bytes per UTF-16 unit and the line feed; long lines (the
+    // environment, packet dumps) take the heap.
+    char stackLine[4096];
+    std::unique_ptr<char[]> heapLine;
+    size_t room = STAMP_LEN + 3 * size_t(message.size()) + 1;
+    char *line = stackLine;
+    if (room > sizeof stackLine) {
+        heapLine.reset(new char[room]);
+        line = heapLine.get();
+    }
+    std::memcpy(line, stamp, STAMP_LEN);
+    char *end = putUtf8(line + STAMP_LEN, message);
+    if (!end) {
+        const QByteArray utf8 = message.toUtf8();
+        room = STAMP_LEN + size_t(utf8.size()) + 1;
+        heapLine.reset(new char[room]);
+        line = heapLine.get();
+        std::memcpy(line, stamp, STAMP_LEN);
+        std::memcpy(line + STAMP_LEN, utf8.constData(), size_t(utf8.size()));
+        end = line + room - 1;
+    }
+    *end++ = '\n';
+
+    const int fd = openLogForLine();
     if (fd < 0)
         return;
-    if (!file.open(fd, QIODevice::WriteOnly | QIODevice::Append, QFileDevice::AutoCloseHandle)) {
-        ::close(fd);
-        return;
-    }
-
-    QByteArray line;
-    line.reserve(message.size() + 32);
-    line += '[';
-    line += QDateTime::currentDateTime()
-                    .toString(QStringLiteral("yyyy-MM-dd HH:mm:ss zzz"))
-                    .toUtf8();
-    line += "] ";
-    line += message.toUtf8();
-    line += '\n';
-    file.write(line);
-    file.flush();
-    file.close();
+    writeAll(fd, line, size_t(end - line));
+    ::close(fd);
 }
+
+void setThreadLogMuted(bool muted) { threadMuted = muted; }

@@ -20,6 +20,12 @@ int main(int argc, char *argv[])
     // PINs pass through this process: no core dumps, no ptrace by peers.
     prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
 
+    // Nothing here draws with OpenGL, but the first window would load Qt's
+    // GLX integration and the driver stack (tens of MB, tens of ms). A user
+    // who chose an integration keeps it.
+    if (!qEnvironmentVariableIsSet("QT_XCB_GL_INTEGRATION"))
+        qputenv("QT_XCB_GL_INTEGRATION", "none");
+
     QApplication app(argc, argv);
     qInstallMessageHandler(printlogtofile);
 

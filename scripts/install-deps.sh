@@ -13,6 +13,7 @@ PACKAGES=(
   util-linux
   libsystemd-dev systemd
   debhelper dpkg-dev lintian fakeroot debootstrap
+  strace libxcb1-dev
 )
 
 SUDO=""

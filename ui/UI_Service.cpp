@@ -5,6 +5,7 @@
 #include "PINDialog.h"
 #include "WaitingDialog.h"
 #include "app/FileIntegrity.h"
+#include "app/LogSink.h"
 #include "app/StartupEnv.h"
 #include "app/TokenLibs.h"
 #include "service/FIFO_Service.h"
@@ -17,6 +18,7 @@
 #include <QStringList>
 #include <QThread>
 #include <QTimer>
+#include <QWindow>
 
 #include <cerrno>
 #include <cstdio>
@@ -211,6 +213,37 @@ UI_Service::UI_Service(float scale, QObject *parent)
 
     serviceThread->start(QThread::InheritPriority);
     emit StartPipe();
+    QTimer::singleShot(0, this, &UI_Service::prewarm);
+}
+
+/**
+ * The first dialog of a process paid for fonts, style, form, native window
+ * and cursor theme (several times a later one). Done here instead, when the
+ * loop first goes idle after start-up: a PIN dialog is built, and in a
+ * later turn, unless a dialog was asked for meanwhile, given its native
+ * window and cursor and painted off screen; it is never shown. Its log
+ * lines are dropped: nobody asked for that dialog.
+ */
+void UI_Service::prewarm()
+{
+    if (pinDialog)
+        return;
+    setThreadLogMuted(true);
+    auto *warm = new PINDialog(keyBoardMode, keyboardVisible, 0, this, scale, nullptr);
+    setThreadLogMuted(false);
+    // Should the loop end before the next turn, the coordinator takes it along.
+    connect(this, &QObject::destroyed, warm, [warm] { delete warm; });
+    QTimer::singleShot(0, warm, [this, warm] {
+        if (!pinDialog) {
+            setThreadLogMuted(true);
+            warm->winId();
+            if (QWindow *window = warm->windowHandle())
+                window->setCursor(Qt::ArrowCursor);
+            warm->grab();
+            setThreadLogMuted(false);
+        }
+        warm->deleteLater();
+    });
 }
 
 /**

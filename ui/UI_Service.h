@@ -71,6 +71,8 @@ public:
     bool isKeyboardVisible() const { return keyboardVisible; }
 
 private:
+    void prewarm();
+
     WaitingDialog *waitingDialog = nullptr;
     PINDialog *pinDialog = nullptr;
     PINDialog::KeyBoardMode keyBoardMode = PINDialog::SimpleKeyBoard;

@@ -200,7 +200,10 @@ WaitingDialog::WaitingDialog(QString info, unsigned long type, int timeout, QStr
         movie->start();
     }
 
-    setWindowIcon(QIcon(":/images/logo.ico"));
+    // One icon object for every dialog: a new QIcon each time left new
+    // scaled copies in QPixmapCache (10 MB of RSS before it evicts).
+    static const QIcon logo(QStringLiteral(":/images/logo.ico"));
+    setWindowIcon(logo);
     setWindowFlags(Qt::WindowMinimizeButtonHint | Qt::WindowStaysOnTopHint);
     setAttribute(Qt::WA_ShowModal);
 

@@ -3,11 +3,13 @@
 
 #include <QDateTime>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QSet>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -25,6 +27,11 @@ private slots:
     void testNewFileMode();
     void testTwoThreadsWholeLines();
     void testSymlinkNotFollowed();
+    void testRefusedFileFallsBack_data();
+    void testRefusedFileFallsBack();
+    void testRotation_data();
+    void testRotation();
+    void testMuteIsPerThread();
 };
 
 static const QRegularExpression
@@ -174,6 +181,147 @@ void TestLogSink::testSymlinkNotFollowed()
     QVERIFY(file.open(QIODevice::ReadOnly));
     QCOMPARE(file.readAll(), QByteArray("untouched\n"));
     QVERIFY(QFile::remove(LogFile::path()));
+}
+
+// What stands under /tmp/uilog.txt before a line is logged.
+enum Planted { ForeignOwner, Fifo, Directory, HardLink, DanglingLink };
+
+static bool plant(Planted what, const QString &scratch)
+{
+    const QByteArray path = LogFile::path().toLocal8Bit();
+    switch (what) {
+    case ForeignOwner: {
+        const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+        const bool ok = fd >= 0 && fchmod(fd, 0666) == 0 && write(fd, "theirs\n", 7) == 7
+                        && fchown(fd, 65534, 65534) == 0;
+        return close(fd) == 0 && ok;
+    }
+    case Fifo:
+        return mkfifo(path.constData(), 0666) == 0;
+    case Directory:
+        return mkdir(path.constData(), 0700) == 0;
+    case HardLink: {
+        QFile own(scratch + "/own.txt");
+        return own.open(QIODevice::WriteOnly) && own.write("theirs\n") == 7 && own.flush()
+               && link(QFile::encodeName(own.fileName()).constData(), path.constData()) == 0;
+    }
+    case DanglingLink:
+        return symlink(QFile::encodeName(scratch + "/created-through-link").constData(),
+                       path.constData())
+               == 0;
+    }
+    return false;
+}
+
+// Removes whatever plant() left, also a directory.
+static void unplant()
+{
+    const QByteArray path = LogFile::path().toLocal8Bit();
+    if (unlink(path.constData()) != 0)
+        rmdir(path.constData());
+}
+
+void TestLogSink::testRefusedFileFallsBack_data()
+{
+    QTest::addColumn<int>("planted");
+    QTest::addColumn<bool>("runtimeDirSet");
+
+    QTest::newRow("other user's 0666 file") << int(ForeignOwner) << true;
+    QTest::newRow("fifo") << int(Fifo) << true;
+    QTest::newRow("directory") << int(Directory) << true;
+    QTest::newRow("second name of another file") << int(HardLink) << true;
+    QTest::newRow("dangling symlink") << int(DanglingLink) << true;
+    QTest::newRow("other user's file, no runtime dir") << int(ForeignOwner) << false;
+}
+
+void TestLogSink::testRefusedFileFallsBack()
+{
+    QFETCH(int, planted);
+    QFETCH(bool, runtimeDirSet);
+    if (planted == ForeignOwner && geteuid() != 0)
+        QSKIP("a file of another uid needs root to create");
+
+    QTemporaryDir scratch;
+    QTemporaryDir runtimeDir;
+    QVERIFY(scratch.isValid() && runtimeDir.isValid());
+    QVERIFY(LogFile::clear());
+    QVERIFY(plant(Planted(planted), scratch.path()));
+    const QByteArray savedRuntimeDir = qgetenv("XDG_RUNTIME_DIR");
+    if (runtimeDirSet)
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path()));
+    else
+        qunsetenv("XDG_RUNTIME_DIR");
+    log("refused primary");
+    qputenv("XDG_RUNTIME_DIR", savedRuntimeDir);
+
+    const QString fallback = runtimeDir.filePath("uilog.txt");
+    QFile file(fallback);
+    QCOMPARE(file.exists(), runtimeDirSet);
+    if (runtimeDirSet) {
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray bytes = file.readAll();
+        QVERIFY2(linePattern.match(QString::fromUtf8(bytes.trimmed())).hasMatch(), bytes);
+        QVERIFY(bytes.endsWith("] refused primary\n"));
+        QCOMPARE(int(file.permissions() & 0x0777), 0x0600); // owner read and write only
+    }
+    // What was planted is unchanged and nothing was created through it.
+    if (planted == ForeignOwner || planted == HardLink)
+        QCOMPARE(fileBytes(), QByteArray("theirs\n"));
+    QVERIFY(!QFile::exists(scratch.filePath("created-through-link")));
+    unplant();
+}
+
+void TestLogSink::testRotation_data()
+{
+    QTest::addColumn<qint64>("existingSize");
+    QTest::addColumn<bool>("olderRotated");
+    QTest::addColumn<bool>("rotates");
+
+    QTest::newRow("one byte below") << ZRUI_LOG_ROTATE_BYTES - 1 << false << false;
+    QTest::newRow("at the limit") << ZRUI_LOG_ROTATE_BYTES << false << true;
+    QTest::newRow("past it, older .1 replaced") << ZRUI_LOG_ROTATE_BYTES + 4096 << true << true;
+}
+
+void TestLogSink::testRotation()
+{
+    QFETCH(qint64, existingSize);
+    QFETCH(bool, olderRotated);
+    QFETCH(bool, rotates);
+    QCOMPARE(ZRUI_LOG_ROTATE_BYTES, 16LL * 1024 * 1024);
+
+    const QString rotated = LogFile::path() + ".1";
+    QVERIFY(LogFile::clear());
+    QFile::remove(rotated);
+    if (olderRotated) {
+        QFile older(rotated);
+        QVERIFY(older.open(QIODevice::WriteOnly) && older.write("older\n") == 6);
+    }
+    {
+        // Sparse: the size counts, not the blocks.
+        QFile file(LogFile::path());
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("first\n") == 6);
+        QVERIFY(file.resize(existingSize));
+    }
+    log("next line");
+
+    QCOMPARE(QFileInfo(rotated).size(), rotates ? existingSize : (olderRotated ? 6 : 0));
+    // The sparse part holds no line feed: compare sizes and the file's end.
+    QCOMPARE(QFileInfo(LogFile::path()).size(), (rotates ? 0 : existingSize) + 36);
+    QVERIFY(fileBytes().endsWith("] next line\n"));
+    QFile::remove(rotated);
+    QVERIFY(LogFile::clear());
+}
+
+void TestLogSink::testMuteIsPerThread()
+{
+    QVERIFY(LogFile::clear());
+    setThreadLogMuted(true);
+    log("muted");
+    std::thread other([] { log("other thread"); });
+    other.join();
+    setThreadLogMuted(false);
+    log("after");
+    QCOMPARE(LogFile::messages(), (QStringList{"other thread", "after"}));
 }
 
 QTEST_APPLESS_MAIN(TestLogSink)
