@@ -75,7 +75,6 @@ class TestSignatureRoundTrip : public QObject
 private slots:
     void initTestCase();
     void testGenkeyRefusesToOverwrite();
-    void testPubhex();
     void testSignatureFileBytes();
     void testSignKeyNames();
     void testVerify();
@@ -156,20 +155,6 @@ void TestSignatureRoundTrip::testGenkeyRefusesToOverwrite()
     QCOMPARE(sign({"genkey", m_key}, nullptr, &err), 1);
     QVERIFY2(err.contains("never overwritten"), err.constData());
     QCOMPARE(readAll(m_key), before);
-}
-
-// 526 upper-case digits: bit length 2048 little-endian, modulus big-endian, exponent 65537.
-void TestSignatureRoundTrip::testPubhex()
-{
-    QByteArray hex;
-    QCOMPARE(sign({"pubhex", m_key}, &hex), 0);
-    QVERIFY(hex.endsWith('\n'));
-    hex.chop(1);
-    QVERIFY2(QRegularExpression("^[0-9A-F]{526}$").match(QString::fromLatin1(hex)).hasMatch(),
-             hex.constData());
-    QCOMPARE(m_blob.size(), 263);
-    QCOMPARE(m_blob.left(4), QByteArray("\x00\x08\x00\x00", 4));
-    QCOMPARE(m_blob.mid(260), QByteArray("\x01\x00\x01", 3));
 }
 
 // The whole file, byte for byte: the reversed signature in upper-case hex, LF line ends.
