@@ -1,3 +1,4 @@
+#include "ServerLauncher.h"
 #include "ServiceHarness.h"
 #include "SignalRecorder.h"
 #include "service/FIFO_Service.h"
@@ -651,7 +652,7 @@ void TestServiceProtocol::testStopEndsLoop()
     other.service->StopPipeListening();
     const QString exited = S("Pipe Listening Exited, Exit Application");
     QVERIFY(ServiceHarness::waitForLog(exited, mark, 1, 3000, true));
-    QVERIFY(!ServiceHarness::isListening(other.socketName()));
+    QVERIFY(!ServerLauncher::isListening(other.socketName()));
     QVERIFY(other.stop());
 }
 
