@@ -198,7 +198,7 @@ void TestResourceFiles::testTranslationsMatchProgramTexts()
     QProcess p;
     p.setWorkingDirectory(sourceDir() + "/..");
     p.start(lupdate, args);
-    QVERIFY(p.waitForFinished(120000));
+    QVERIFY(p.waitForFinished(60000));
     QCOMPARE(p.exitCode(), 0);
     for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
         const QString name = "uiserver." + lang + ".ts";
