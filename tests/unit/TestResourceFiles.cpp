@@ -1,5 +1,5 @@
 // What the build ships beside the program: resources.rcc (protected settings, translations,
-// icon), the signed test variants' settings and the waiting animation.
+// icon) and the waiting animation.
 
 #include <QFile>
 #include <QImageReader>
@@ -15,8 +15,6 @@
 namespace {
 
 QString binDir() { return qEnvironmentVariable("ZRUI_BIN_DIR"); }
-
-QString variantsDir() { return qEnvironmentVariable("ZRUI_TEST_RESOURCES_DIR"); }
 
 QString sourceDir() { return qEnvironmentVariable("ZRUI_RESOURCES_SOURCE_DIR"); }
 
@@ -64,7 +62,6 @@ class TestResourceFiles : public QObject
 private slots:
     void initTestCase();
     void cleanupTestCase();
-    void testProtectedSettings_data();
     void testProtectedSettings();
     void testTranslations();
     void testTranslationSources();
@@ -76,13 +73,8 @@ private slots:
 
 void TestResourceFiles::initTestCase()
 {
-    QVERIFY(!binDir().isEmpty() && !variantsDir().isEmpty() && !sourceDir().isEmpty());
-    // Each file under a root of its own, to compare them side by side.
+    QVERIFY(!binDir().isEmpty() && !sourceDir().isEmpty());
     QVERIFY(QResource::registerResource(binDir() + "/resources.rcc", "/bin"));
-    for (const char *v : {"keepalive2", "simple", "fullhide", "defaultpin"}) {
-        const QString path = variantsDir() + "/" + v + "/resources.rcc";
-        QVERIFY2(QResource::registerResource(path, QStringLiteral("/") + v), qPrintable(path));
-    }
 }
 
 void TestResourceFiles::cleanupTestCase()
@@ -90,40 +82,17 @@ void TestResourceFiles::cleanupTestCase()
     QResource::unregisterResource(binDir() + "/resources.rcc", "/bin");
 }
 
-void TestResourceFiles::testProtectedSettings_data()
-{
-    QTest::addColumn<QString>("root");
-    QTest::addColumn<QStringList>("softkeyboard");
-    QTest::addColumn<QString>("defaultpin");
-    QTest::addColumn<QVariant>("keepalive");
-    const QVariant absent;
-    QTest::newRow("shipped") << "bin" << QStringList{"full"} << "" << absent;
-    QTest::newRow("keepalive2") << "keepalive2" << QStringList{"full"} << "" << QVariant(2);
-    QTest::newRow("simple") << "simple" << QStringList{"simple"} << "" << absent;
-    QTest::newRow("fullhide") << "fullhide" << QStringList{"full", "hide"} << "" << absent;
-    QTest::newRow("defaultpin") << "defaultpin" << QStringList{"full"} << "123456" << absent;
-}
-
-// Read as the program does: QSettings (INI) with contains() before keepaliveseconds.
+// The shipped settings, read as the program does (QSettings, INI). The signed test
+// variants are checked by the tests that use them, through what they change.
 void TestResourceFiles::testProtectedSettings()
 {
-    QFETCH(QString, root);
-    QFETCH(QStringList, softkeyboard);
-    QFETCH(QString, defaultpin);
-    QFETCH(QVariant, keepalive);
-
-    const QString path = ":/" + root + "/protectedconf.ini";
-    QVERIFY(QFile::exists(path));
-
-    QSettings s(path, QSettings::IniFormat);
+    QSettings s(":/bin/protectedconf.ini", QSettings::IniFormat);
     QCOMPARE(s.status(), QSettings::NoError);
-    QCOMPARE(s.value("softkeyboard").toStringList(), softkeyboard);
+    QCOMPARE(s.value("softkeyboard").toStringList(), QStringList{"full"});
     QVERIFY(s.contains("UIServer/defaultpin"));
-    QCOMPARE(s.value("UIServer/defaultpin").toString(), defaultpin);
+    QCOMPARE(s.value("UIServer/defaultpin").toString(), QString());
     QCOMPARE(s.value("UIServer/timeoutseconds").toString(), QStringLiteral("0"));
-    QCOMPARE(s.contains("UIServer/keepaliveseconds"), keepalive.isValid());
-    if (keepalive.isValid())
-        QCOMPARE(s.value("UIServer/keepaliveseconds").toInt(), keepalive.toInt());
+    QVERIFY(!s.contains("UIServer/keepaliveseconds"));
 }
 
 // Loaded as the program loads them: file name only, the rest empty.

@@ -27,6 +27,8 @@ void TestTokenSimDevice::testAuxRecord_data()
     QTest::newRow("default beside the library") << QByteArray() << 6 << 16;
     QTest::newRow("4-12") << QByteArray("[pin]\nmin=4\nmax=12\n[aux]\nfail=0\n") << 4 << 12;
     QTest::newRow("8-64, comment") << QByteArray("[pin]\nmin=8  ; c\nmax=64\n") << 8 << 64;
+    QTest::newRow("not a number keeps the default")
+            << QByteArray("[pin]\nmin=8x\nmax=64\n") << 6 << 64;
     QTest::newRow("fail") << QByteArray("[aux]\nfail=1\n") << 0 << 0;
 }
 
