@@ -45,9 +45,19 @@ class TestGifEncoder : public QObject
     Q_OBJECT
 
 private slots:
+    void testLzwKnownAnswer();
     void testRoundTrip_data();
     void testRoundTrip();
 };
+
+// Worked by hand from the GIF89a LZW rules: 4 pixels of colour 0 with code
+// size 2 give the codes clear(4) 0 6 0 end(5), 3 bits each, LSB first.
+void TestGifEncoder::testLzwKnownAnswer()
+{
+    QCOMPARE(GifEncoder::lzwEncode(QByteArray(4, '\0'), 2), QByteArray("\x84\x51", 2));
+    // Only clear and end for no pixels.
+    QCOMPARE(GifEncoder::lzwEncode(QByteArray(), 2), QByteArray("\x2c", 1));
+}
 
 void TestGifEncoder::testRoundTrip_data()
 {
