@@ -1,7 +1,6 @@
 // Run-time binding of the token stack's algorithm library "libzralg.so".
 #include "TokenLibs.h"
 
-#include <cstring>
 #include <dlfcn.h>
 
 namespace {
@@ -40,44 +39,13 @@ constexpr int ALG_DLOPEN_MODE = RTLD_LAZY | RTLD_DEEPBIND;
 ZRUI_ZRALG_ENTRY_POINTS(ZRUI_DEFINE_POINTER)
 #undef ZRUI_DEFINE_POINTER
 
-/**
- * Binds the entry points in list order. Stops at the first missing name;
- * the pointers bound before it stay set (the caller quits anyway).
- */
-static int load_dll_fun()
-{
-#define ZRUI_BIND(name) \
-    name = reinterpret_cast<decltype(name)>(dlsym(hSOModule, #name)); \
-    if (!name) \
-        return 0;
-    ZRUI_ZRALG_ENTRY_POINTS(ZRUI_BIND)
-#undef ZRUI_BIND
-    return 1;
-}
-
-/**
- * Opens dir + "libzralg.so" and binds all its entry points; 1 on success.
- * dir is used as given: without a trailing "/" the file name is glued to the
- * last directory name and the open fails (kept on purpose). A null dir
- * leaves the bare file name to the dynamic loader's search rules.
- */
 int LoadLib_Alg(long, char *dir)
 {
-    static const char fileName[] = "libzralg.so";
-    char path[256];
-    memset(path, 0, sizeof(path));
-    const size_t dirLen = dir ? strlen(dir) : 0;
-    // Refuse rather than truncate a path that does not fit.
-    if (dirLen + sizeof(fileName) > sizeof(path))
-        return 0;
-    if (dir)
-        memcpy(path, dir, dirLen);
-    memcpy(path + dirLen, fileName, sizeof(fileName));
-
-    hSOModule = dlopen(path, ALG_DLOPEN_MODE);
-    if (!hSOModule)
-        return 0;
-    return load_dll_fun();
+#define ZRUI_ENTRY(name) {#name, &name},
+    static const TokenLibEntry entries[] = {ZRUI_ZRALG_ENTRY_POINTS(ZRUI_ENTRY)};
+#undef ZRUI_ENTRY
+    return bindTokenLib(&hSOModule, dir, "libzralg.so", ALG_DLOPEN_MODE, entries,
+                        int(sizeof(entries) / sizeof(entries[0])));
 }
 
 void FreeLib_Alg()

@@ -127,6 +127,18 @@ extern PFN_ZRA_ReverseData ZRA_ReverseData;
 extern PFN_ZRA_RSA_Verify_ZRKey ZRA_RSA_Verify_ZRKey;
 extern PFN_AuxLoadKestrovaIni AuxLoadKestrovaIni;
 
+// One entry point of a library: its name and the address of its pointer.
+struct TokenLibEntry
+{
+    const char *name;
+    void *pointer;
+};
+
+// Opens dir + fileName with the dlopen mode into *handle and binds entries in
+// order; 1 when every name bound, else 0. Shared by the three loaders below.
+int bindTokenLib(void **handle, const char *dir, const char *fileName, int mode,
+                 const TokenLibEntry *entries, int count);
+
 // Loaders: 1 when the library opened and every entry point bound, else 0.
 // The long argument is ignored (callers pass 0); dir must end with "/".
 int LoadLib_ZRKAPI(long, char *dir);

@@ -1,11 +1,9 @@
 #include "CertListDialog.h"
 
+#include "DialogChecks.h"
 #include "FakeUiStatus.h"
 
-#include <QApplication>
 #include <QComboBox>
-#include <QDesktopWidget>
-#include <QLabel>
 #include <QPushButton>
 #include <QWindow>
 #include <QtTest>
@@ -108,29 +106,7 @@ void TestCertListDialog::testWindowSetupAndScale()
     FakeUiStatus status;
     CertListDialog base("A\nB", &status, 1.0f);
     CertListDialog scaled("A\nB", &status, 1.5f);
-
-    QCOMPARE(scaled.findChild<QLabel *>("label")->text(),
-             QStringLiteral("Please select the container to be overlapped:"));
-    QCOMPARE(scaled.findChild<QLabel *>("label_certlist")->text(),
-             QStringLiteral("Container name:"));
-    // Minimise + stay-on-top without the customise hint: Qt adds title and system menu only.
-    QCOMPARE(scaled.windowFlags(), Qt::Window | Qt::WindowTitleHint | Qt::WindowSystemMenuHint
-                                           | Qt::WindowMinimizeButtonHint
-                                           | Qt::WindowStaysOnTopHint);
-    QVERIFY(scaled.testAttribute(Qt::WA_ShowModal));
-    QVERIFY(scaled.windowIcon().isNull());
-
-    const QSize adjusted = base.size();
-    const QSize expected(qRound(adjusted.width() * 1.5), qRound(adjusted.height() * 1.5));
-    QCOMPARE(scaled.size(), expected);
-    QCOMPARE(scaled.minimumSize(), expected);
-    QCOMPARE(scaled.maximumSize(), expected);
-    const QDesktopWidget *desktop = QApplication::desktop();
-    QCOMPARE(scaled.pos(), QPoint((desktop->width() - expected.width()) / 2,
-                                  (desktop->height() - expected.height()) / 2));
-    QVERIFY(showAndWait(&scaled));
-    QCoreApplication::processEvents();
-    QCOMPARE(scaled.size(), expected);
+    verifyScaledWindow(base, scaled, 1.5, false);
 }
 
 void TestCertListDialog::testWindowManagerClose()
@@ -141,6 +117,7 @@ void TestCertListDialog::testWindowManagerClose()
     combo(&dlg)->setCurrentIndex(2);
 
     QVERIFY(dlg.windowHandle()->close());
+    dlg.close(); // again before the posted answer ran: still one answer
     QTRY_COMPARE(status.listReports.load(), 1);
     QCOMPARE(status.listStatusValue(), 0);
     QCOMPARE(status.listIndexValue(), 2);
@@ -148,7 +125,7 @@ void TestCertListDialog::testWindowManagerClose()
 
     QVERIFY(showAndWait(&dlg));
     dlg.windowHandle()->close();
-    QTest::qWait(100);
+    drainEvents();
     QCOMPARE(status.listReports.load(), 1);
 }
 
@@ -159,7 +136,7 @@ void TestCertListDialog::testCoordinatorHideReportsNothing()
     QVERIFY(showAndWait(dlg));
     dlg->hide();
     delete dlg;
-    QTest::qWait(100);
+    drainEvents();
     QCOMPARE(status.listReports.load(), 0);
     QCOMPARE(status.listStatusValue(), -1);
 }

@@ -1,5 +1,6 @@
 #include "ServiceHarness.h"
 
+#include "ServerLauncher.h"
 #include "SignalRecorder.h"
 #include "app/LogSink.h"
 #include "app/TokenLibs.h"
@@ -110,36 +111,13 @@ int ServiceHarness::countLog(const QString &text, int mark, bool exact)
 
 bool ServiceHarness::waitForLog(const QString &text, int mark, int count, int timeoutMs, bool exact)
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (countLog(text, mark, exact) < count) {
-        if (timer.elapsed() > timeoutMs)
-            return false;
-        QTest::qWait(5);
-    }
-    return true;
+    return QTest::qWaitFor([&] { return countLog(text, mark, exact) >= count; }, timeoutMs);
 }
 
 QString ServiceHarness::uniqueAppName(const QString &tag)
 {
     static int counter = 0;
     return QStringLiteral("svct%1_%2_%3").arg(getpid()).arg(++counter).arg(tag);
-}
-
-bool ServiceHarness::isListening(const QString &abstractName)
-{
-    // Lines: "Num RefCount Protocol Flags Type St Inode Path"; a listening
-    // socket has the accept flag 00010000 and abstract names start with "@".
-    QFile file(QStringLiteral("/proc/net/unix"));
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    const QByteArray wanted = '@' + abstractName.toUtf8();
-    for (const QByteArray &line : file.readAll().split('\n')) {
-        const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() >= 8 && fields.at(3) == "00010000" && fields.at(7) == wanted)
-            return true;
-    }
-    return false;
 }
 
 bool ServiceHarness::start(const QString &appName, bool expectFailure)
@@ -169,16 +147,14 @@ bool ServiceHarness::start(const QString &appName, bool expectFailure)
     running = true;
     QMetaObject::invokeMethod(service, "CreatePipeAndListen", Qt::QueuedConnection);
 
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < 5000) {
-        if (recorder->events().contains(QStringLiteral("start_pipe_failed()")))
-            return expectFailure;
-        if (!expectFailure && isListening(socketName()))
-            return true;
-        QTest::qWait(5);
-    }
-    return false;
+    bool failed = false;
+    const bool settled = QTest::qWaitFor(
+            [&] {
+                failed = recorder->events().contains(QStringLiteral("start_pipe_failed()"));
+                return failed || (!expectFailure && ServerLauncher::isListening(socketName()));
+            },
+            5000);
+    return settled && failed == expectFailure;
 }
 
 bool ServiceHarness::stop(int timeoutMs)
@@ -190,13 +166,8 @@ bool ServiceHarness::stop(int timeoutMs)
     if (fake.GetMsgStatus() == -1)
         fake.SetMsgStatus(1);
     thread.quit();
-    QElapsedTimer timer;
-    timer.start();
-    while (!threadDone.load(std::memory_order_acquire)) {
-        if (timer.elapsed() > timeoutMs)
-            return false;
-        QTest::qWait(5);
-    }
+    if (!QTest::qWaitFor([this] { return threadDone.load(std::memory_order_acquire); }, timeoutMs))
+        return false;
     thread.wait();
     running = false;
     delete recorder;

@@ -49,8 +49,6 @@ public:
                            bool exact = false);
 
     static QString uniqueAppName(const QString &tag);
-    // True when an abstract stream socket of that name listens (/proc/net/unix).
-    static bool isListening(const QString &abstractName);
 
     // Sets the application name, starts the thread and the accept loop and
     // waits until the socket listens or start_pipe_failed() arrives; true
