@@ -3,6 +3,7 @@
 #include "app/TokenLibs.h"
 #include "service/ActivatedSocket.h"
 #include "service/Protocol.h"
+#include "service/SessionTable.h"
 #include "service/UiStatusHandler.h"
 
 #include <QByteArray>
@@ -99,6 +100,7 @@ FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *par
     , m_timeout(1)
     , m_hListenSocket(-1)
     , m_sock(-1)
+    , m_allowedOps(0)
     , m_hDev(0)
     , m_hContext(0)
     , m_settings(settings)
@@ -225,8 +227,7 @@ void FIFO_Service::ServeConnection(int fd)
 {
     m_hContext = 0;
     m_hDev = 0;
-    m_allowedOps.clear();
-    m_allowedOps.insert(REQ_BeginSession);
+    m_allowedOps = SessionTable::Start;
     m_pinOpen = m_listOpen = m_waitingOpen = false;
     m_sendStalled = false;
     m_sock = fd;
@@ -566,7 +567,8 @@ bool FIFO_Service::waitForRequest()
 
 /**
  * The session state machine: answers one request (or none, for the reserved
- * codes) and sets the operations allowed next. False ends the connection.
+ * codes); the operations allowed next come from SessionTable. False ends the
+ * connection.
  */
 bool FIFO_Service::HandleClientRequest(void *reqPack)
 {
@@ -575,7 +577,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
     static quint32 pintype = 0;
 
     const quint64 operation = readU32(reqPack, 0);
-    if (!m_allowedOps.contains(operation)) {
+    if (!SessionTable::allows(m_allowedOps, operation)) {
         qDebug() << "StateMachine Err, operation " << operation;
         SendResp(UI_STATE_ERROR, nullptr, 0);
         return false;
@@ -587,6 +589,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         return false;
     }
 
+    // The user's answer, for the one operation whose next state depends on it.
+    int answer = SessionTable::AnyAnswer;
     switch (operation) {
     case REQ_BeginSession: {
         qDebug() << "REQ_BeginSession";
@@ -602,24 +606,19 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
                 m_hDev = 0;
         }
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_Show << REQ_Waiting_Show << REQ_List_Show << REQ_Reserved_12
-                     << REQ_MessageBox << REQ_EndSession;
         qDebug() << "Service busy, stop check keepaliveseconds...";
         emit stopExitTimer();
-        return true;
+        break;
     }
     case REQ_EndSession:
         // The handles stay open until the connection ends.
         qDebug() << "REQ_EndSession";
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_BeginSession;
         // Nothing of the session can be asked for any more.
         m_pinOpen = m_listOpen = m_waitingOpen = false;
         qDebug() << "Service will auto exit after keepaliveseconds...";
         emit startExitTimer();
-        return true;
+        break;
     case REQ_PIN_Show:
         qDebug() << "REQ_PIN_Show:";
         pintype = readU32(reqPack, 8);
@@ -627,10 +626,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << pintype << ")";
         emit show_pin_dialog(pintype);
         m_pinOpen = true;
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_GetPIN << REQ_Waiting_Show;
         SendResp(UI_OK, nullptr, 0);
-        return true;
+        break;
     case REQ_PIN_GetPIN: {
         qDebug() << "REQ_PIN_GetPIN ";
         unsigned char *pin = nullptr;
@@ -647,10 +644,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
         }
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_GetPIN << REQ_PIN_Retry << REQ_PIN_Finish << REQ_Waiting_Show
-                     << REQ_EndSession;
-        return true;
+        break;
     }
     case REQ_PIN_Retry: {
         qDebug() << "REQ_PIN_Retry";
@@ -663,37 +657,28 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         else
             emit show_message_dialog(title, tr("There are %1 times remaining").arg(qint32(tries)),
                                      REQ_PIN_Retry);
-        const int status = waitForMessageAnswer(ui);
-        if (status == kMsgClientGone)
+        answer = waitForMessageAnswer(ui);
+        if (answer == kMsgClientGone)
             return false;
-        // The response goes out before the new state is set and before the
-        // PIN dialog comes back.
-        if (status == 1) {
+        // The response goes out before the PIN dialog comes back.
+        if (answer == 1) {
             SendResp(UI_OK, nullptr, 0);
-            m_allowedOps.clear();
-            m_allowedOps << REQ_PIN_GetPIN;
             ui->SetPINStatus(-1, nullptr, 0);
             qDebug() << "REQ_PIN_Retry Accepted: emit show_pin_dialog(" << pintype << ")";
             emit show_pin_dialog(pintype);
-        } else if (status == 0) {
+        } else if (answer == 0) {
             SendResp(UI_USER_CANCEL, nullptr, 0);
-            m_allowedOps.clear();
-            m_allowedOps << REQ_EndSession;
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
-            m_allowedOps.clear();
-            m_allowedOps << REQ_PIN_Retry;
         }
-        return true;
+        break;
     }
     case REQ_PIN_Finish:
         qDebug() << "REQ_PIN_Finish";
         emit hide_pin_dialog();
         m_pinOpen = false;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_MessageBox << REQ_EndSession;
-        return true;
+        break;
     case REQ_Waiting_Show: {
         qDebug() << "REQ_Waiting_Show";
         const quint32 type = readU32(reqPack, 8);
@@ -702,18 +687,14 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         emit show_waiting_dialog(text, type);
         m_waitingOpen = true;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_Reserved_8 << REQ_Waiting_Finish;
-        return true;
+        break;
     }
     case REQ_Waiting_Finish:
         qDebug() << "REQ_Waiting_Finish";
         emit hide_waiting_dialog();
         m_waitingOpen = false;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_Retry << REQ_PIN_Finish << REQ_EndSession;
-        return true;
+        break;
     case REQ_List_Show: {
         qDebug() << "REQ_List_Show";
         const quint32 param = readU32(reqPack, 8);
@@ -724,9 +705,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         // Only type 0 shows a window; the others answer (or not) at once.
         m_listOpen = param == 0;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_List_GetSel;
-        return true;
+        break;
     }
     case REQ_List_GetSel: {
         qDebug() << "REQ_List_GetSel";
@@ -743,9 +722,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
         }
-        m_allowedOps.clear();
-        m_allowedOps << REQ_List_GetSel << REQ_EndSession;
-        return true;
+        break;
     }
     case REQ_MessageBox: {
         qDebug() << "REQ_MessageBox";
@@ -762,13 +739,13 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
             return false;
         // Confirm and cancel are deliberately not told apart.
         SendResp(unsigned(status) < 2 ? UI_OK : UI_NO_RESULT, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_EndSession << REQ_MessageBox;
-        return true;
+        break;
     }
     default:
         // Codes 8 and 12: allowed by the state machine but without handler.
         qDebug() << "HandleClientRequest: unknown operation=" << operation;
         return false;
     }
+    m_allowedOps = SessionTable::next(quint32(operation), answer);
+    return true;
 }

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "service/SessionTable.h"
+
 #include <QObject>
-#include <QSet>
 #include <QString>
 
 #include <atomic>
@@ -63,7 +64,8 @@ private:
     int m_timeout;
     int m_hListenSocket;
     int m_sock;
-    QSet<quint64> m_allowedOps;
+    // The session state: the operations allowed next (SessionTable).
+    SessionTable::OpSet m_allowedOps;
     uint64_t m_hDev;
     uint64_t m_hContext;
     QSettings *m_settings;
