@@ -23,12 +23,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// One request and one response buffer for the whole process: there is one
-// service thread and one connection at a time. Static storage, so they exist
-// before main() runs and are never freed.
-alignas(8) static unsigned char recvPack[COMMPACK_MAX_SIZE];
-alignas(8) static unsigned char sendPack[COMMPACK_MAX_SIZE];
-
 namespace {
 
 // Size of sockaddr_un on Linux: 2 bytes of family and 108 of path.
@@ -239,8 +233,8 @@ void FIFO_Service::ServeConnection(int fd)
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
 
     for (;;) {
-        memset(recvPack, 0, sizeof recvPack);
-        if (!RecvPack(recvPack)) {
+        memset(m_recvPack, 0, sizeof m_recvPack);
+        if (!RecvPack(m_recvPack)) {
             qDebug() << "RecvPack() failed";
             emit pipe_comm_failed();
             break;
@@ -250,7 +244,7 @@ void FIFO_Service::ServeConnection(int fd)
             SendResp(UI_TOKEN_NOT_PRESENT, nullptr, 0);
             break;
         }
-        if (!HandleClientRequest(recvPack)) {
+        if (!HandleClientRequest(m_recvPack)) {
             qDebug() << "HandleClientRequest() failed";
             emit pipe_comm_failed();
             break;
@@ -315,8 +309,8 @@ void FIFO_Service::endConnection()
         close(m_sock);
         qDebug() << "Clean env, handle :" << m_sock << " closed";
     }
-    explicit_bzero(recvPack, sizeof recvPack);
-    explicit_bzero(sendPack, sizeof sendPack);
+    explicit_bzero(m_recvPack, sizeof m_recvPack);
+    explicit_bzero(m_sendPack, sizeof m_sendPack);
 }
 
 /**
@@ -471,21 +465,21 @@ bool FIFO_Service::RecvPack(void *pReqData)
 }
 
 /**
- * Builds a response in sendPack and writes it. True when the write reported
+ * Builds a response in m_sendPack and writes it. True when the write reported
  * a positive count.
  */
 bool FIFO_Service::SendResp(unsigned long resp, void *data, unsigned long datalen)
 {
-    auto *hdr = reinterpret_cast<PCOMMPACK>(sendPack);
+    auto *hdr = reinterpret_cast<PCOMMPACK>(m_sendPack);
     hdr->operation = quint32(resp);
     hdr->datalen = quint32(datalen);
     if (hdr->datalen > COMMPACK_MAX_DATA) {
         qDebug() << "SendResp: datalen too large:" << hdr->datalen;
         return false;
     }
-    if (data && datalen != 0 && data != sendPack + COMMPACK_HEADER_SIZE)
-        memcpy(sendPack + COMMPACK_HEADER_SIZE, data, datalen);
-    return SendBuff(sendPack, int(COMMPACK_HEADER_SIZE + hdr->datalen)) > 0;
+    if (data && datalen != 0 && data != m_sendPack + COMMPACK_HEADER_SIZE)
+        memcpy(m_sendPack + COMMPACK_HEADER_SIZE, data, datalen);
+    return SendBuff(m_sendPack, int(COMMPACK_HEADER_SIZE + hdr->datalen)) > 0;
 }
 
 /**
@@ -572,10 +566,6 @@ bool FIFO_Service::waitForRequest()
  */
 bool FIFO_Service::HandleClientRequest(void *reqPack)
 {
-    // Kept on purpose: outlives connections, so an accepted retry re-shows
-    // the type of the last PIN dialog of this process (0 if none).
-    static quint32 pintype = 0;
-
     const quint64 operation = readU32(reqPack, 0);
     if (!SessionTable::allows(m_allowedOps, operation)) {
         qDebug() << "StateMachine Err, operation " << operation;
@@ -621,10 +611,10 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         break;
     case REQ_PIN_Show:
         qDebug() << "REQ_PIN_Show:";
-        pintype = readU32(reqPack, 8);
+        m_pintype = readU32(reqPack, 8);
         ui->SetPINStatus(-1, nullptr, 0);
-        qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << pintype << ")";
-        emit show_pin_dialog(pintype);
+        qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << m_pintype << ")";
+        emit show_pin_dialog(m_pintype);
         m_pinOpen = true;
         SendResp(UI_OK, nullptr, 0);
         break;
@@ -640,7 +630,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
             SendResp(UI_OK, pin, pinLen);
             m_sendHoldsPin = false;
             // Also covers a response that never reached the write.
-            explicit_bzero(sendPack + COMMPACK_HEADER_SIZE, COMMPACK_MAX_DATA);
+            explicit_bzero(m_sendPack + COMMPACK_HEADER_SIZE, COMMPACK_MAX_DATA);
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
         }
@@ -664,8 +654,8 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         if (answer == 1) {
             SendResp(UI_OK, nullptr, 0);
             ui->SetPINStatus(-1, nullptr, 0);
-            qDebug() << "REQ_PIN_Retry Accepted: emit show_pin_dialog(" << pintype << ")";
-            emit show_pin_dialog(pintype);
+            qDebug() << "REQ_PIN_Retry Accepted: emit show_pin_dialog(" << m_pintype << ")";
+            emit show_pin_dialog(m_pintype);
         } else if (answer == 0) {
             SendResp(UI_USER_CANCEL, nullptr, 0);
         } else {

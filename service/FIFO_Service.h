@@ -70,7 +70,15 @@ private:
     uint64_t m_hContext;
     QSettings *m_settings;
 
-    // Set by the dispatcher while sendPack carries a PIN result, so the
+    // Kept on purpose: outlives connections, so an accepted retry re-shows
+    // the type of the last PIN dialog of this process (0 if none).
+    quint32 m_pintype = 0;
+    // One request and one response buffer: one service thread, one
+    // connection at a time. Wiped when a connection ends.
+    alignas(8) unsigned char m_recvPack[COMMPACK_MAX_SIZE] = {};
+    alignas(8) unsigned char m_sendPack[COMMPACK_MAX_SIZE] = {};
+
+    // Set by the dispatcher while m_sendPack carries a PIN result, so the
     // sender redacts the hex dump and wipes the bytes after the write.
     bool m_sendHoldsPin = false;
 
