@@ -87,7 +87,7 @@ static bool makeAddr(const char *name, sockaddr_un *addr, unsigned int *len)
     return true;
 }
 
-FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *parent)
+FIFO_Service::FIFO_Service(UiStatusHandler *uiService, QSettings *settings, QObject *parent)
     : QObject(parent)
     , m_uiService(uiService)
     , m_Listening(false)
@@ -111,11 +111,6 @@ FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *par
 // Closes nothing: the accept loop has released the sockets and handles
 // before it returned.
 FIFO_Service::~FIFO_Service() = default;
-
-UiStatusHandler *FIFO_Service::statusHandler() const
-{
-    return dynamic_cast<UiStatusHandler *>(m_uiService);
-}
 
 /**
  * Runs in the service thread for the life of the process: creates the
@@ -512,7 +507,7 @@ bool FIFO_Service::windowOpen() const
 {
     if (m_waitingOpen)
         return true;
-    UiStatusHandler *ui = statusHandler();
+    UiStatusHandler *ui = m_uiService;
     if (!ui)
         return false;
     if (m_pinOpen) {
@@ -573,7 +568,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         return false;
     }
 
-    UiStatusHandler *ui = statusHandler();
+    UiStatusHandler *ui = m_uiService;
     if (!ui) {
         qDebug() << "HandleClientRequest: no UI status handler";
         return false;

@@ -23,7 +23,9 @@ class FIFO_Service : public QObject
 {
     Q_OBJECT
 public:
-    FIFO_Service(QObject *uiService, QSettings *settings, QObject *parent = nullptr);
+    // The status hand-off is typed: the service calls its getters and
+    // setters directly, from its own thread.
+    FIFO_Service(UiStatusHandler *uiService, QSettings *settings, QObject *parent = nullptr);
     ~FIFO_Service() override;
 
     /** Serves one accepted connection of this user to its end; closes @p fd. */
@@ -57,7 +59,7 @@ public slots:
     bool HandleClientRequest(void *reqPack);
 
 private:
-    QObject *m_uiService;
+    UiStatusHandler *m_uiService;
     // Written by the GUI thread, read by the accept loop: atomic so the
     // hand-over is well defined.
     std::atomic<bool> m_Listening;
@@ -94,7 +96,6 @@ private:
     // A response could not be written within the send time-out.
     bool m_sendStalled = false;
 
-    UiStatusHandler *statusHandler() const;
     int waitForMessageAnswer(UiStatusHandler *ui);
     bool waitForRequest();
     bool windowOpen() const;
