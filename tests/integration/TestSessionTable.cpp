@@ -122,9 +122,12 @@ void TestSessionTable::testTransition_data()
     probes << 33 << 65 << 0xFFFFFFFFu;
     for (int row = kConnectionStart; row < kRows; ++row) {
         for (const quint32 probe : probes) {
-            QTest::addRow("after op %u answer %d: op %u", row < 0 ? 0u : Transitions[row].operation,
-                          answerOf(row), probe)
-                    << row << probe;
+            const QByteArray state
+                    = row == kConnectionStart
+                              ? QByteArray("start")
+                              : "op " + QByteArray::number(Transitions[row].operation) + " answer "
+                                        + QByteArray::number(answerOf(row));
+            QTest::addRow("%s: op %u", state.constData(), probe) << row << probe;
         }
     }
 }
