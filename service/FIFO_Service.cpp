@@ -97,13 +97,12 @@ FIFO_Service::FIFO_Service(UiStatusHandler *uiService, QSettings *settings, QObj
     , m_allowedOps(0)
     , m_hDev(0)
     , m_hContext(0)
-    , m_settings(settings)
 {
     // Read here, in the creating thread: the settings object is not shared
-    // with the service thread.
-    if (m_settings) {
+    // with the service thread, and nothing else of it is needed later.
+    if (settings) {
         bool ok = false;
-        const int idle = m_settings->value("UIServer/idleseconds", kDefaultIdleSeconds).toInt(&ok);
+        const int idle = settings->value("UIServer/idleseconds", kDefaultIdleSeconds).toInt(&ok);
         m_idleSeconds = ok && idle >= 1 ? idle : kDefaultIdleSeconds;
     }
 }

@@ -70,7 +70,6 @@ private:
     SessionTable::OpSet m_allowedOps;
     uint64_t m_hDev;
     uint64_t m_hContext;
-    QSettings *m_settings;
 
     // Kept on purpose: outlives connections, so an accepted retry re-shows
     // the type of the last PIN dialog of this process (0 if none).
