@@ -3,13 +3,13 @@
 #include "WindowTitles.h"
 #include "XDoTool.h"
 
-#include "CertListDialog.h"
+#include "ui/CertListDialog.h"
 #include "FakeUiStatus.h"
 #include "LogFile.h"
-#include "MessageDialog.h"
-#include "PINDialog.h"
+#include "ui/MessageDialog.h"
+#include "ui/PINDialog.h"
 #include "ServerLauncher.h"
-#include "WaitingDialog.h"
+#include "ui/WaitingDialog.h"
 #include "client/zrui_client.h"
 
 #include <QApplication>

@@ -1,4 +1,4 @@
-#include "WaitingDialog.h"
+#include "ui/WaitingDialog.h"
 
 #include "DialogChecks.h"
 

@@ -16,7 +16,7 @@ class SignalRecorder;
 
 /**
  * Runs the real FIFO_Service in a QThread of its own, as the coordinator
- * does, with FakeUiStatus behind dynamic_cast<UiStatusHandler*> and the
+ * does, with FakeUiStatus as its status handler and the
  * stand-in token libraries bound through the real loader. Clients talk to
  * it over the real abstract socket. The log is captured in memory
  * (process-wide message handler), so tests can wait for exact lines.

@@ -30,3 +30,7 @@ zrui_add_test(NAME TestServiceProcess
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServiceProcess.cpp
   LIBS zrui_testsupport zrui_client LOCKS uilog TIMEOUT 180)
 add_dependencies(TestServiceProcess ZRUIServer zrui_tokensim zrui_resources zrui_test_resources)
+# The session table walked over the real socket, row by row.
+zrui_add_test(NAME TestSessionTable
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestSessionTable.cpp
+  LIBS zrui_service_harness TIMEOUT 300 ENV ${_svc_tsan_env})
