@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDebug>
+#include <QKeyEvent>
 #include <QDesktopWidget>
 #include <QMetaObject>
 #include <QStringList>
@@ -86,4 +87,14 @@ void CertListDialog::closeEvent(QCloseEvent *event)
     const int index = ui->comboBox_certlist->currentIndex();
     QMetaObject::invokeMethod(
             this, [this, index] { report(0, index); }, Qt::QueuedConnection);
+}
+
+/// Deliberate departure: Escape answers as the window manager's close does (Cancel).
+void CertListDialog::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
+        close();
+        return;
+    }
+    QWidget::keyPressEvent(event);
 }

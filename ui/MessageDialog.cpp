@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDebug>
+#include <QKeyEvent>
 #include <QDesktopWidget>
 #include <QIcon>
 #include <QMetaObject>
@@ -106,4 +107,15 @@ void MessageDialog::closeEvent(QCloseEvent *event)
     const int status = type == RetryCancelType ? 0 : 1;
     QMetaObject::invokeMethod(
             this, [this, status] { report(status); }, Qt::QueuedConnection);
+}
+
+/// Deliberate departure: Escape answers as the window manager's close does (Cancel in a
+/// Retry/Cancel box, OK where OK is alone).
+void MessageDialog::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
+        close();
+        return;
+    }
+    QWidget::keyPressEvent(event);
 }

@@ -61,6 +61,29 @@ QString withBounds(const QString &text, long long minLen, long long maxLen)
     return argIfPlaceholder(argIfPlaceholder(text, minLen), maxLen);
 }
 
+/**
+ * Zeroes the characters of `s` in its storage, also while that storage is
+ * shared (with a line edit, say), then lets go of it. Copying would not do:
+ * a write through a shared QString detaches and leaves the old bytes behind.
+ */
+void wipeShared(QString &s)
+{
+    if (!s.isEmpty()) {
+        const int chars = qMax(s.size(), s.capacity());
+        explicit_bzero(const_cast<QChar *>(s.constData()), size_t(chars) * sizeof(QChar));
+    }
+    s = QString();
+}
+
+// Wipes `s` unless it is the very text the edit now holds.
+void wipeUnlessHeld(QString &s, const QLineEdit *edit)
+{
+    if (s.constData() == edit->text().constData())
+        s = QString();
+    else
+        wipeShared(s);
+}
+
 bool endsWalk(const QString &row, QChar c, QChar next)
 {
     const int pos = row.indexOf(c);
@@ -235,6 +258,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
 
 PINDialog::~PINDialog()
 {
+    wipeInput();
     delete timer;
     delete ui;
     ui = nullptr;
@@ -427,16 +451,48 @@ bool PINDialog::eventFilter(QObject *obj, QEvent *event)
     return QObject::eventFilter(obj, event);
 }
 
+/**
+ * Appends a key of the on-screen keyboard. The edit takes a new string each
+ * time; the one it held before (and any copy the edit did not keep) is
+ * wiped, so no shorter or longer copy of the PIN stays behind.
+ */
 void PINDialog::receiveInput(char c)
 {
-    if (currentLineEdit)
-        currentLineEdit->setText(currentLineEdit->text() + QChar::fromLatin1(c));
+    if (!currentLineEdit)
+        return;
+    QString previous = currentLineEdit->text();
+    QString next = previous + QChar::fromLatin1(c);
+    currentLineEdit->setText(next);
+    wipeUnlessHeld(previous, currentLineEdit);
+    wipeUnlessHeld(next, currentLineEdit);
 }
 
 void PINDialog::receiveBackspace()
 {
-    if (currentLineEdit && !currentLineEdit->text().isEmpty())
-        currentLineEdit->setText(currentLineEdit->text().chopped(1));
+    if (!currentLineEdit || currentLineEdit->text().isEmpty())
+        return;
+    QString previous = currentLineEdit->text();
+    QString next = previous.chopped(1);
+    currentLineEdit->setText(next);
+    wipeUnlessHeld(previous, currentLineEdit);
+    wipeUnlessHeld(next, currentLineEdit);
+}
+
+/**
+ * Deliberate departure: no copy of the PIN may stay in the process once the
+ * result has been handed over or the dialog goes. The edit's own string is
+ * zeroed in place (the copy from text() shares it), then replaced by an empty
+ * one, which also drops the edit's undo history.
+ */
+void PINDialog::wipeInput()
+{
+    if (!ui)
+        return;
+    for (QLineEdit *edit : {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin}) {
+        QString held = edit->text();
+        wipeShared(held);
+        edit->setText(QString());
+    }
 }
 
 /// Language change: narrower than the constructor (kept on purpose: mode 1 keeps
@@ -712,4 +768,14 @@ void PINDialog::closeEvent(QCloseEvent *event)
                 on_pushButton_Cancel_clicked();
             },
             Qt::QueuedConnection);
+}
+
+/// Deliberate departure: Escape answers as the window manager's close does (Cancel).
+void PINDialog::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
+        close();
+        return;
+    }
+    QWidget::keyPressEvent(event);
 }

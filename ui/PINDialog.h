@@ -32,6 +32,8 @@ public:
     bool IsAllInputValid();
     int IsValidPIN(QString pin);
     void randomSoftKeyboard();
+    // Overwrites the typed PINs where the fields keep them, then empties the fields.
+    void wipeInput();
 
     unsigned int dialogMode() const { return mode; }
 
@@ -65,6 +67,7 @@ public slots:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
 
 private:
     UiStatusHandler *statusHandler() const;

@@ -70,7 +70,13 @@ public:
     PINDialog::KeyBoardMode keyboardMode() const { return keyBoardMode; }
     bool isKeyboardVisible() const { return keyboardVisible; }
 
+private slots:
+    // No session is open any more (end of session or of the connection).
+    void on_session_ended();
+
 private:
+    void wipePinResult();
+
     WaitingDialog *waitingDialog = nullptr;
     PINDialog *pinDialog = nullptr;
     PINDialog::KeyBoardMode keyBoardMode = PINDialog::SimpleKeyBoard;
