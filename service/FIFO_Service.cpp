@@ -217,8 +217,11 @@ void FIFO_Service::endConnection()
             ZRK_ReleaseContext(m_hContext);
         m_hContext = 0;
     }
+    // No window outlives the connection that opened it.
     emit hide_pin_dialog();
     emit hide_waiting_dialog();
+    emit hide_list_dialog();
+    emit hide_message_dialog();
     qDebug() << "Service will auto exit after keepaliveseconds...";
     emit startExitTimer();
     // Kept on purpose: descriptor 0 is never closed.

@@ -35,6 +35,8 @@ signals:
     void hide_waiting_dialog();
     void show_pin_dialog(unsigned long type);
     void hide_pin_dialog();
+    void hide_list_dialog();
+    void hide_message_dialog();
 
 public slots:
     void CreatePipeAndListen();

@@ -156,6 +156,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
             SLOT(on_pin_dialog_show(unsigned long)), Qt::AutoConnection);
     connect(fifoService, SIGNAL(hide_pin_dialog()), this, SLOT(on_pin_dialog_hide()),
             Qt::AutoConnection);
+    connect(fifoService, SIGNAL(hide_list_dialog()), this, SLOT(on_list_dialog_hide()),
+            Qt::AutoConnection);
+    connect(fifoService, SIGNAL(hide_message_dialog()), this, SLOT(on_message_dialog_hide()),
+            Qt::AutoConnection);
     // The service announces "no session open" with this signal (after
     // REQ_EndSession and at the end of every connection): no PIN result may
     // outlive the session.

@@ -17,6 +17,8 @@ SignalRecorder::SignalRecorder(FIFO_Service *service, QObject *parent)
     plain(&FIFO_Service::stopExitTimer, "stopExitTimer");
     plain(&FIFO_Service::hide_waiting_dialog, "hide_waiting_dialog");
     plain(&FIFO_Service::hide_pin_dialog, "hide_pin_dialog");
+    plain(&FIFO_Service::hide_list_dialog, "hide_list_dialog");
+    plain(&FIFO_Service::hide_message_dialog, "hide_message_dialog");
     connect(
             service, &FIFO_Service::show_list_dialog, this,
             [this](unsigned long param, const QString &text) {

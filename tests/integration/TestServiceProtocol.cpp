@@ -481,7 +481,8 @@ void TestServiceProtocol::testTokenPulledOut()
                               S("Disconnect dev=%1 rc=0").arg(dev),
                               S("ReleaseContext ctx=%1 rc=0").arg(ctx)}));
     QTRY_COMPARE(harness.recorder->since(recMark),
-                 QStringList({S("hide_pin_dialog()"), S("hide_waiting_dialog()")}));
+                 QStringList({S("hide_pin_dialog()"), S("hide_waiting_dialog()"),
+                              S("hide_list_dialog()"), S("hide_message_dialog()")}));
     QTRY_VERIFY(harness.recorder->since(recMark, true).contains(S("startExitTimer()")));
 }
 
@@ -496,7 +497,8 @@ void TestServiceProtocol::testDisconnectMidSession()
 
         QTRY_COMPARE(harness.recorder->since(recMark),
                      QStringList({S("pipe_comm_failed()"), S("hide_pin_dialog()"),
-                                  S("hide_waiting_dialog()")}));
+                                  S("hide_waiting_dialog()"), S("hide_list_dialog()"),
+                                  S("hide_message_dialog()")}));
         QTRY_VERIFY(harness.recorder->since(recMark, true).contains(S("startExitTimer()")));
         QVERIFY(logged(S("RecvPack() failed"), mark));
         QString ctx, dev;

@@ -190,10 +190,11 @@ void TestServiceSecurity::testForeignPeerClosedBeforeRead()
     client.close();
     QTRY_COMPARE(
             harness.recorder->since(recMark, true),
-            QStringList({QStringLiteral("stopExitTimer()"), QStringLiteral("startExitTimer()"),
-                         QStringLiteral("pipe_comm_failed()"), QStringLiteral("hide_pin_dialog()"),
-                         QStringLiteral("hide_waiting_dialog()"),
-                         QStringLiteral("startExitTimer()")}));
+            QStringList(
+                    {QStringLiteral("stopExitTimer()"), QStringLiteral("startExitTimer()"),
+                     QStringLiteral("pipe_comm_failed()"), QStringLiteral("hide_pin_dialog()"),
+                     QStringLiteral("hide_waiting_dialog()"), QStringLiteral("hide_list_dialog()"),
+                     QStringLiteral("hide_message_dialog()"), QStringLiteral("startExitTimer()")}));
 }
 
 QTEST_GUILESS_MAIN(TestServiceSecurity)
