@@ -68,7 +68,10 @@ QString withBounds(const QString &text, long long minLen, long long maxLen)
  */
 void wipeShared(QString &s)
 {
-    if (!s.isEmpty()) {
+    // Text that came in as a literal or raw data is not ours to overwrite
+    // (and may be read-only); typed text always lives on the heap.
+    const QString::DataPtr d = s.data_ptr();
+    if (!s.isEmpty() && !d->ref.isStatic() && d->alloc != 0) {
         const int chars = qMax(s.size(), s.capacity());
         explicit_bzero(const_cast<QChar *>(s.constData()), size_t(chars) * sizeof(QChar));
     }
