@@ -1,6 +1,7 @@
 #include "CertListDialog.h"
 #include "ui_CertListDialog.h"
 
+#include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
 #include <QApplication>
@@ -26,6 +27,8 @@ CertListDialog::CertListDialog(QString list, QObject *service, float scale, QWid
     const QStringList entries = list.trimmed().split("\n", Qt::KeepEmptyParts, Qt::CaseSensitive);
     qDebug() << "CertListDialog:" << entries;
     ui->comboBox_certlist->addItems(entries);
+
+    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
 
     // Kept on purpose: unlike the other dialogs this one sets no window icon.
     setWindowFlags(Qt::WindowMinimizeButtonHint | Qt::WindowStaysOnTopHint);
@@ -89,12 +92,19 @@ void CertListDialog::closeEvent(QCloseEvent *event)
             this, [this, index] { report(0, index); }, Qt::QueuedConnection);
 }
 
-/// Deliberate departure: Escape answers as the window manager's close does (Cancel).
+/**
+ * Deliberate departure: Escape answers as the window manager's close does;
+ * Return presses the focused button, or the default one.
+ */
 void CertListDialog::keyPressEvent(QKeyEvent *event)
 {
-    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
-        close();
-        return;
-    }
-    QWidget::keyPressEvent(event);
+    if (!DialogKeys::handleKey(this, event, ui->pushButton_OK))
+        QWidget::keyPressEvent(event);
+}
+
+void CertListDialog::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ActivationChange && isActiveWindow())
+        DialogKeys::showFocusRing(this);
+    QWidget::changeEvent(event);
 }

@@ -1,6 +1,7 @@
 #include "MessageDialog.h"
 #include "ui_MessageDialog.h"
 
+#include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
 #include <QApplication>
@@ -43,6 +44,8 @@ MessageDialog::MessageDialog(QString title, QString message, unsigned long type,
         ui->pushButton_Retry->hide();
         ui->pushButton_Cancel->hide();
     }
+
+    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Retry, ui->pushButton_Cancel});
 
     setWindowIcon(QIcon(":/images/logo.ico"));
     setWindowFlags(Qt::WindowMinimizeButtonHint | Qt::WindowStaysOnTopHint);
@@ -109,13 +112,22 @@ void MessageDialog::closeEvent(QCloseEvent *event)
             this, [this, status] { report(status); }, Qt::QueuedConnection);
 }
 
-/// Deliberate departure: Escape answers as the window manager's close does (Cancel in a
-/// Retry/Cancel box, OK where OK is alone).
+/**
+ * Deliberate departure: Escape answers as the window manager's close does;
+ * Return presses the focused button, or the default one.
+ */
 void MessageDialog::keyPressEvent(QKeyEvent *event)
 {
-    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
-        close();
-        return;
-    }
-    QWidget::keyPressEvent(event);
+    if (!DialogKeys::handleKey(this, event,
+                               type == RetryCancelType
+                                       ? static_cast<QAbstractButton *>(ui->pushButton_Retry)
+                                       : ui->pushButton_OK))
+        QWidget::keyPressEvent(event);
+}
+
+void MessageDialog::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ActivationChange && isActiveWindow())
+        DialogKeys::showFocusRing(this);
+    QWidget::changeEvent(event);
 }

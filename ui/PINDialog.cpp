@@ -3,6 +3,7 @@
 
 #include "keyboard/SimpleSoftKeyboard.h"
 #include "keyboard/SoftKeyboard.h"
+#include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
 #include <QCloseEvent>
@@ -218,6 +219,20 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     default:
         break;
     }
+
+    // Deliberate departure: the fields first, in the order they are filled in,
+    // then the keyboard buttons, OK and Cancel; a confirmation typed after one
+    // Tab lands in the confirmation field.
+    QWidget *const tabOrder[] = {ui->lineEdit_oldPin,
+                                 ui->lineEdit_newPin,
+                                 ui->lineEdit_confirmPin,
+                                 ui->toolButtonold_softkeyboard,
+                                 ui->toolButtonnew_softkeyboard,
+                                 ui->pushButton_OK,
+                                 ui->pushButton_Cancel};
+    for (size_t i = 0; i + 1 < sizeof tabOrder / sizeof *tabOrder; ++i)
+        setTabOrder(tabOrder[i], tabOrder[i + 1]);
+    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
 
     if (!this->keyboardVisible) {
         ui->widget_softkeyboard->hide();
@@ -773,12 +788,19 @@ void PINDialog::closeEvent(QCloseEvent *event)
             Qt::QueuedConnection);
 }
 
-/// Deliberate departure: Escape answers as the window manager's close does (Cancel).
+/**
+ * Deliberate departure: Escape answers as the window manager's close does;
+ * Return presses the focused button, or the default one.
+ */
 void PINDialog::keyPressEvent(QKeyEvent *event)
 {
-    if (event->key() == Qt::Key_Escape && event->modifiers() == Qt::NoModifier) {
-        close();
-        return;
-    }
-    QWidget::keyPressEvent(event);
+    if (!DialogKeys::handleKey(this, event, ui->pushButton_OK))
+        QWidget::keyPressEvent(event);
+}
+
+void PINDialog::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ActivationChange && isActiveWindow())
+        DialogKeys::showFocusRing(this);
+    QWidget::changeEvent(event);
 }
