@@ -284,6 +284,16 @@ PINDialog::~PINDialog()
 
 int PINDialog::rememberedWindowY() { return keepWindowY; }
 
+/**
+ * Deliberate departure: a dialog shown again after an accepted retry says
+ * why it came back; `reason` is the retry question's text with the number of
+ * tries left.
+ */
+void PINDialog::showRetryHint(const QString &reason)
+{
+    ui->label_comments->setText(tr("Wrong PIN. %1").arg(reason));
+}
+
 UiStatusHandler *PINDialog::statusHandler() const
 {
     UiStatusHandler *handler = dynamic_cast<UiStatusHandler *>(service);

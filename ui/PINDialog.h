@@ -34,6 +34,7 @@ public:
     void randomSoftKeyboard();
     // Overwrites the typed PINs where the fields keep them, then empties the fields.
     void wipeInput();
+    void showRetryHint(const QString &reason);
 
     unsigned int dialogMode() const { return mode; }
 

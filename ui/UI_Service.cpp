@@ -8,6 +8,7 @@
 #include "app/StartupEnv.h"
 #include "app/TokenLibs.h"
 #include "service/FIFO_Service.h"
+#include "service/Protocol.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -250,6 +251,8 @@ void UI_Service::on_list_dialog_hide() { discardDialog(listDialog); }
 void UI_Service::on_message_dialog_show(QString title, QString message, ulong type)
 {
     discardDialog(messageDialog);
+    messageIsRetry = type == REQ_PIN_Retry;
+    retryReason = message;
     messageDialog = new MessageDialog(title, message, type, this, scale, nullptr);
     messageDialog->show();
 }
@@ -290,6 +293,9 @@ void UI_Service::on_pin_dialog_show(ulong type)
         pinStatus.store(-1, std::memory_order_release);
     }
     pinDialog = new PINDialog(keyBoardMode, keyboardVisible, type, this, scale, nullptr);
+    if (!pendingRetryHint.isEmpty())
+        pinDialog->showRetryHint(pendingRetryHint);
+    pendingRetryHint.clear();
     pinDialog->show();
 }
 
@@ -308,7 +314,11 @@ void UI_Service::on_pin_dialog_hide()
  * Deliberate departure: no PIN result outlives its session; a later session
  * cannot ask for it anyway (it has to show a PIN dialog first).
  */
-void UI_Service::on_session_ended() { wipePinResult(); }
+void UI_Service::on_session_ended()
+{
+    wipePinResult();
+    pendingRetryHint.clear();
+}
 
 /**
  * Wipes the hand-off buffer and its length. The status is left as it is: the
@@ -400,8 +410,12 @@ void UI_Service::SetPINStatus(int status, unsigned char *encpinbuff, ulong encpi
 void UI_Service::SetMsgStatus(int status)
 {
     msgStatus.store(status, std::memory_order_release);
-    if (isFinalStatus(status))
+    // Final answers come from the box's buttons, in the GUI thread.
+    if (isFinalStatus(status)) {
+        pendingRetryHint = status == 1 && messageIsRetry ? retryReason : QString();
+        messageIsRetry = false;
         on_message_dialog_hide();
+    }
 }
 
 int UI_Service::GetMsgStatus() { return msgStatus.load(std::memory_order_acquire); }

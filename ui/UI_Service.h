@@ -102,4 +102,9 @@ private:
     QTimer *exitTimer = nullptr;
     QString defaultPin;
     float scale = 1.0f;
+    // GUI thread only. The open message box asks whether to retry a wrong PIN,
+    // with this text; an accepted retry passes it on to the next PIN dialog.
+    bool messageIsRetry = false;
+    QString retryReason;
+    QString pendingRetryHint;
 };
