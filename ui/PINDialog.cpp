@@ -19,6 +19,7 @@
 #include <QTimer>
 #include <QToolTip>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -86,6 +87,35 @@ void wipeUnlessHeld(QString &s, const QLineEdit *edit)
         s = QString();
     else
         wipeShared(s);
+}
+
+// WCAG relative luminance and contrast ratio.
+double luminance(const QColor &c)
+{
+    auto channel = [](double v) {
+        return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+}
+
+double contrast(const QColor &a, const QColor &b)
+{
+    const double la = luminance(a);
+    const double lb = luminance(b);
+    return (qMax(la, lb) + 0.05) / (qMin(la, lb) + 0.05);
+}
+
+/**
+ * A red that reads on `background` at a contrast of at least 4.5:1 (WCAG
+ * AA): darkened on a light window, lightened on a dark one.
+ */
+QColor readableRed(const QColor &background)
+{
+    const bool dark = luminance(background) < 0.18;
+    QColor red = QColor::fromHsl(0, 255, 128);
+    for (int step = 0; step < 40 && contrast(red, background) < 4.5; ++step)
+        red = QColor::fromHsl(0, 255, qBound(0, red.lightness() + (dark ? 5 : -5), 255));
+    return red;
 }
 
 bool endsWalk(const QString &row, QChar c, QChar next)
@@ -285,13 +315,28 @@ PINDialog::~PINDialog()
 int PINDialog::rememberedWindowY() { return keepWindowY; }
 
 /**
+ * Shows a comment under the fields. Errors and warnings are red, good news
+ * (a normal or strong new PIN) in the ordinary text colour; either way the
+ * colour keeps a contrast of at least 4.5:1 with the window.
+ */
+void PINDialog::setComment(const QString &text, bool error)
+{
+    // The label's style sheet decides the drawn colour, so the colour goes there.
+    const QColor colour = error ? readableRed(palette().color(QPalette::Window))
+                                : palette().color(QPalette::WindowText);
+    ui->label_comments->setStyleSheet(
+            QStringLiteral("QLabel { margin-left:10px; color:%1; }").arg(colour.name()));
+    ui->label_comments->setText(text);
+}
+
+/**
  * Deliberate departure: a dialog shown again after an accepted retry says
  * why it came back; `reason` is the retry question's text with the number of
  * tries left.
  */
 void PINDialog::showRetryHint(const QString &reason)
 {
-    ui->label_comments->setText(tr("Wrong PIN. %1").arg(reason));
+    setComment(tr("Wrong PIN. %1").arg(reason));
 }
 
 UiStatusHandler *PINDialog::statusHandler() const
@@ -552,20 +597,20 @@ void PINDialog::on_lineEdit_newPin_textChanged(const QString &text)
 
     switch (IsValidPIN(kept)) {
     case 5:
-        ui->label_comments->setText(tr("Pin:High"));
+        setComment(tr("Pin:High"), false);
         break;
     case 4:
-        ui->label_comments->setText(tr("Pin:Normal"));
+        setComment(tr("Pin:Normal"), false);
         break;
     case 3:
-        ui->label_comments->setText(tr("Pin:Weak"));
+        setComment(tr("Pin:Weak"));
         break;
     case 2:
         // Kept on purpose: the forbidden verdict falls through to the length rule.
-        ui->label_comments->setText(tr("Pin:Forbidden"));
+        setComment(tr("Pin:Forbidden"));
         Q_FALLTHROUGH();
     default:
-        ui->label_comments->setText(lengthText());
+        setComment(lengthText());
         break;
     }
     RefreshNewPinStatus(false);
@@ -589,7 +634,7 @@ void PINDialog::on_pushButton_OK_clicked()
 
     // isVisibleTo: the rows the mode shows, also while the window itself is hidden.
     if (ui->lineEdit_oldPin->isVisibleTo(this) && IsValidPIN(ui->lineEdit_oldPin->text()) == 0) {
-        ui->label_comments->setText(lengthText());
+        setComment(lengthText());
         ui->lineEdit_oldPin->clear();
         ui->lineEdit_oldPin->setFocus();
         return;
@@ -599,12 +644,11 @@ void PINDialog::on_pushButton_OK_clicked()
         const int level = IsValidPIN(ui->lineEdit_newPin->text());
         bool rejected = true;
         if (level == 0)
-            ui->label_comments->setText(lengthText());
+            setComment(lengthText());
         else if (level >= 4 && ui->lineEdit_confirmPin->text() != ui->lineEdit_newPin->text())
-            ui->label_comments->setText(
-                    tr("Please confirm that new USBKey password is entered identiacally!"));
+            setComment(tr("Please confirm that new USBKey password is entered identiacally!"));
         else if (level >= 1 && level <= 3)
-            ui->label_comments->setText(tr("IDC_CUSTOM_PIN_ANNOTATION_2"));
+            setComment(tr("IDC_CUSTOM_PIN_ANNOTATION_2"));
         else
             rejected = false;
         if (rejected) {

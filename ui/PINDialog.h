@@ -35,6 +35,8 @@ public:
     // Overwrites the typed PINs where the fields keep them, then empties the fields.
     void wipeInput();
     void showRetryHint(const QString &reason);
+    // Text of the comment line; `error` false for good news (a strong PIN).
+    void setComment(const QString &text, bool error = true);
 
     unsigned int dialogMode() const { return mode; }
 

@@ -18,3 +18,8 @@ endif()
 zrui_add_test(NAME TestIsValidPIN
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/../unit/TestIsValidPIN.cpp
   LIBS zrui_ui zrui_testsupport)
+
+# Contrast and tone of the comment line on a light and a dark palette.
+zrui_add_test(NAME TestPinComments
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestPinComments.cpp
+  LIBS zrui_ui zrui_testsupport)
