@@ -1,6 +1,7 @@
 #include "CertListDialog.h"
 #include "ui_CertListDialog.h"
 
+#include "DialogGeometry.h"
 #include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
@@ -35,7 +36,10 @@ CertListDialog::CertListDialog(QString list, QObject *service, float scale, QWid
     setAttribute(Qt::WA_ShowModal);
 
     adjustSize();
-    const QSize scaled = size() * scale;
+    // Deliberate departure: only the part of the scale the fonts did not
+    // apply, and never larger than the screen.
+    const QSize scaled = DialogGeometry::boundedToScreen(
+            this, size() * DialogGeometry::remainingScale(this, scale));
     resize(scaled);
     setMinimumSize(scaled);
     setMaximumSize(scaled);

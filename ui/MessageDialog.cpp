@@ -1,6 +1,7 @@
 #include "MessageDialog.h"
 #include "ui_MessageDialog.h"
 
+#include "DialogGeometry.h"
 #include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
@@ -52,7 +53,10 @@ MessageDialog::MessageDialog(QString title, QString message, unsigned long type,
     setAttribute(Qt::WA_ShowModal);
 
     adjustSize();
-    const QSize scaled = size() * scale;
+    // Deliberate departure: only the part of the scale the fonts did not
+    // apply, and never larger than the screen.
+    const QSize scaled = DialogGeometry::boundedToScreen(
+            this, size() * DialogGeometry::remainingScale(this, scale));
     resize(scaled);
     setMinimumSize(scaled);
     setMaximumSize(scaled);

@@ -327,6 +327,34 @@ void PINDialog::setComment(const QString &text, bool error)
     ui->label_comments->setStyleSheet(
             QStringLiteral("QLabel { margin-left:10px; color:%1; }").arg(colour.name()));
     ui->label_comments->setText(text);
+    // Deliberate departure: a wrapped comment that needs more lines than the
+    // form allows makes the window grow instead of being cut off (fonts at a
+    // high dpi), and the window stays on the screen.
+    const int needed = ui->label_comments->heightForWidth(ui->label_comments->width());
+    if (needed > ui->label_comments->height()) {
+        ui->label_comments->setMinimumHeight(needed);
+        if (layout())
+            layout()->activate();
+        keepOnScreen();
+    }
+}
+
+/**
+ * Deliberate departure: a window that grew (the keyboard panel, a longer
+ * comment) is moved back inside the screen's available area where it would
+ * reach past it. Elsewhere its position is left exactly as it was.
+ */
+void PINDialog::keepOnScreen()
+{
+    const QScreen *s = screen();
+    if (!s)
+        return;
+    const QRect area = s->availableGeometry();
+    const QRect g = frameGeometry();
+    const int x = qMax(area.left(), qMin(g.x(), area.right() + 1 - g.width()));
+    const int y = qMax(area.top(), qMin(g.y(), area.bottom() + 1 - g.height()));
+    if (x != g.x() || y != g.y())
+        move(x, y);
 }
 
 /**
@@ -815,6 +843,7 @@ void PINDialog::RefreshLayout()
              << ", keepWindowY=" << keepWindowY;
     if (keepWindowY != 0)
         move(frameGeometry().x(), keepWindowY);
+    keepOnScreen();
     qDebug() << "RefreshLayout: finally:" << frameGeometry();
 }
 

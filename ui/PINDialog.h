@@ -75,6 +75,7 @@ protected:
 
 private:
     UiStatusHandler *statusHandler() const;
+    void keepOnScreen();
     QString annotationText(const char *key) const;
     QString lengthText() const;
     QString filteredText(const QString &text) const;

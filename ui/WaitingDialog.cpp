@@ -1,6 +1,8 @@
 #include "WaitingDialog.h"
 #include "ui_WaitingDialog.h"
 
+#include "DialogGeometry.h"
+
 #include <QApplication>
 #include <QDebug>
 #include <QDesktopWidget>
@@ -28,7 +30,10 @@ void fitToScale(QWidget *w, float scale)
     w->setMinimumSize(0, 0);
     w->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
     w->adjustSize();
-    const QSize scaled = w->size() * scale;
+    // Deliberate departure: only the part of the scale the fonts did not
+    // apply, and never larger than the screen.
+    const QSize scaled = DialogGeometry::boundedToScreen(
+            w, w->size() * DialogGeometry::remainingScale(w, scale));
     w->resize(scaled);
     w->setMaximumSize(scaled);
     w->setMinimumSize(scaled);

@@ -121,7 +121,9 @@ void TestCertListDialog::testWindowSetupAndScale()
     QVERIFY(scaled.windowIcon().isNull());
 
     const QSize adjusted = base.size();
-    const QSize expected(qRound(adjusted.width() * 1.5), qRound(adjusted.height() * 1.5));
+    // Only the part of the scale the fonts (at the screen's dpi) did not apply.
+    const qreal rest = qMax(1.0, 1.5 / (scaled.logicalDpiX() / 96.0));
+    const QSize expected(qRound(adjusted.width() * rest), qRound(adjusted.height() * rest));
     QCOMPARE(scaled.size(), expected);
     QCOMPARE(scaled.minimumSize(), expected);
     QCOMPARE(scaled.maximumSize(), expected);

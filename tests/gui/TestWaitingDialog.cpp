@@ -221,7 +221,9 @@ void TestWaitingDialog::testAnimatedCountdownWindow()
 
     const QSize adjusted = base.size();
     QVERIFY(adjusted.height() >= 40 + 2 * 11);
-    const QSize expected(qRound(adjusted.width() * 1.5), qRound(adjusted.height() * 1.5));
+    // Only the part of the scale the fonts (at the screen's dpi) did not apply.
+    const qreal rest = qMax(1.0, 1.5 / (scaled.logicalDpiX() / 96.0));
+    const QSize expected(qRound(adjusted.width() * rest), qRound(adjusted.height() * rest));
     QCOMPARE(scaled.size(), expected);
     QCOMPARE(scaled.minimumSize(), expected);
     QCOMPARE(scaled.maximumSize(), expected);
@@ -233,7 +235,7 @@ void TestWaitingDialog::testAnimatedCountdownWindow()
     base.refreshtimeout();
     scaled.refreshtimeout();
     QCOMPARE(info(&scaled)->text(), tickText(4));
-    const QSize after(qRound(base.width() * 1.5), qRound(base.height() * 1.5));
+    const QSize after(qRound(base.width() * rest), qRound(base.height() * rest));
     QCOMPARE(scaled.size(), after);
     QCOMPARE(scaled.pos(), QPoint((desktop->width() - after.width()) / 2,
                                   (desktop->height() - after.height()) / 2));
