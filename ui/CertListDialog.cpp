@@ -2,6 +2,7 @@
 #include "ui_CertListDialog.h"
 
 #include "DialogGeometry.h"
+#include "DialogAccessibility.h"
 #include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
@@ -23,6 +24,7 @@ CertListDialog::CertListDialog(QString list, QObject *service, float scale, QWid
     , ui(new Ui::CertListDialog)
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     this->service = service;
 
     const QStringList entries = list.trimmed().split("\n", Qt::KeepEmptyParts, Qt::CaseSensitive);

@@ -2,6 +2,7 @@
 #include "ui_MessageDialog.h"
 
 #include "DialogGeometry.h"
+#include "DialogAccessibility.h"
 #include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
@@ -30,6 +31,7 @@ MessageDialog::MessageDialog(QString title, QString message, unsigned long type,
     , type(type)
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     makeStrMap();
 
     qDebug() << "MessageDialog: key=" << message << ", value=" << strMap.value(message, message);

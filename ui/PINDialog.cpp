@@ -3,6 +3,7 @@
 
 #include "keyboard/SimpleSoftKeyboard.h"
 #include "keyboard/SoftKeyboard.h"
+#include "DialogAccessibility.h"
 #include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
@@ -137,6 +138,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     , scale(scale)
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     qDebug() << "Create PINDialog: keyboardmode=" << keyBoardMode
              << ", keyboardvisible=" << keyboardVisible << ", type=" << type;
 
@@ -263,6 +265,10 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     for (size_t i = 0; i + 1 < sizeof tabOrder / sizeof *tabOrder; ++i)
         setTabOrder(tabOrder[i], tabOrder[i + 1]);
     DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
+    // Screen readers name each field by its label.
+    ui->label_oldPin->setBuddy(ui->lineEdit_oldPin);
+    ui->label_newPin->setBuddy(ui->lineEdit_newPin);
+    ui->label_confirmPin->setBuddy(ui->lineEdit_confirmPin);
 
     if (!this->keyboardVisible) {
         ui->widget_softkeyboard->hide();
@@ -327,6 +333,9 @@ void PINDialog::setComment(const QString &text, bool error)
     ui->label_comments->setStyleSheet(
             QStringLiteral("QLabel { margin-left:10px; color:%1; }").arg(colour.name()));
     ui->label_comments->setText(text);
+    // Screen readers announce the comment as the fields' description.
+    for (QLineEdit *edit : {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin})
+        edit->setAccessibleDescription(text);
     // Deliberate departure: a wrapped comment that needs more lines than the
     // form allows makes the window grow instead of being cut off (fonts at a
     // high dpi), and the window stays on the screen.

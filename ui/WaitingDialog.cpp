@@ -1,6 +1,7 @@
 #include "WaitingDialog.h"
 #include "ui_WaitingDialog.h"
 
+#include "DialogAccessibility.h"
 #include "DialogGeometry.h"
 
 #include <QApplication>
@@ -60,6 +61,7 @@ WaitingDialog::WaitingDialog(QString info, unsigned long type, int timeout, QStr
     , timeout(timeout) // kept on purpose: accepted from the coordinator and never used
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     qDebug() << "WaitingDialog() called";
 
     countdown = 0;

@@ -23,3 +23,8 @@ zrui_add_test(NAME TestIsValidPIN
 zrui_add_test(NAME TestPinComments
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestPinComments.cpp
   LIBS zrui_ui zrui_testsupport)
+
+# Roles, names, password fields and announced errors as assistive tools see them.
+zrui_add_test(NAME TestDialogAccessibility
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestDialogAccessibility.cpp
+  LIBS zrui_ui zrui_testsupport)
