@@ -9,6 +9,7 @@ PACKAGES=(
   libqt5svg5
   libssl-dev openssl
   xvfb xauth xdotool x11-utils openbox libxcb1-dev
+  dbus-daemon at-spi2-core python3-pyatspi
   fonts-noto-cjk fonts-dejavu-core
   util-linux
 )
