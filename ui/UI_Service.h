@@ -70,8 +70,13 @@ public:
     PINDialog::KeyBoardMode keyboardMode() const { return keyBoardMode; }
     bool isKeyboardVisible() const { return keyboardVisible; }
 
+private slots:
+    // No session is open any more (end of session or of the connection).
+    void on_session_ended();
+
 private:
     void prewarm();
+    void wipePinResult();
 
     WaitingDialog *waitingDialog = nullptr;
     PINDialog *pinDialog = nullptr;
@@ -98,4 +103,9 @@ private:
     QTimer *exitTimer = nullptr;
     QString defaultPin;
     float scale = 1.0f;
+    // GUI thread only. The open message box asks whether to retry a wrong PIN,
+    // with this text; an accepted retry passes it on to the next PIN dialog.
+    bool messageIsRetry = false;
+    QString retryReason;
+    QString pendingRetryHint;
 };

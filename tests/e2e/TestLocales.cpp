@@ -21,6 +21,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QResource>
+#include <QScreen>
 #include <QTextDocument>
 #include <QTextLayout>
 #include <QToolButton>
@@ -366,6 +367,11 @@ private slots:
         QCoreApplication::processEvents();
         const QStringList problems = layoutProblems(dialog.get());
         QVERIFY2(problems.isEmpty(), qPrintable(problems.join("\n  ")));
+        // Sizes never double-scale: the whole window stays on the screen.
+        const QRect screen = dialog->screen()->availableGeometry();
+        QVERIFY2(screen.contains(dialog->frameGeometry()),
+                 qPrintable(str(dialog->frameGeometry().size()) + " at "
+                            + str(QSize(dialog->x(), dialog->y())) + " on " + str(screen.size())));
     }
 };
 

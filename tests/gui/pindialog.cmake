@@ -18,3 +18,13 @@ endif()
 zrui_add_test(NAME TestIsValidPIN
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/../unit/TestIsValidPIN.cpp
   LIBS zrui_ui zrui_testsupport)
+
+# Contrast and tone of the comment line on a light and a dark palette.
+zrui_add_test(NAME TestPinComments
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestPinComments.cpp
+  LIBS zrui_ui zrui_testsupport)
+
+# Roles, names, password fields and announced errors as assistive tools see them.
+zrui_add_test(NAME TestDialogAccessibility
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestDialogAccessibility.cpp
+  LIBS zrui_ui zrui_testsupport)
