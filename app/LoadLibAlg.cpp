@@ -24,15 +24,6 @@ ZRUI_CALLED_ENTRY_POINT_TYPES(ZRUI_REAL_TYPE)
 
 void *hSOModule = nullptr;
 
-// DEEPBIND: the algorithm library carries its own crypto code and must bind
-// to it, not to a same-named symbol already loaded into this process. The
-// sanitizer runtimes abort on RTLD_DEEPBIND, so sanitizer builds go without.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int ALG_DLOPEN_MODE = RTLD_LAZY;
-#else
-constexpr int ALG_DLOPEN_MODE = RTLD_LAZY | RTLD_DEEPBIND;
-#endif
-
 } // namespace
 
 // One global pointer per entry point, named like the entry point.
@@ -74,7 +65,7 @@ int LoadLib_Alg(long, char *dir)
         memcpy(path, dir, dirLen);
     memcpy(path + dirLen, fileName, sizeof(fileName));
 
-    hSOModule = dlopen(path, ALG_DLOPEN_MODE);
+    hSOModule = dlopen(path, ZRUI_ALG_DLOPEN_MODE);
     if (!hSOModule)
         return 0;
     return load_dll_fun();

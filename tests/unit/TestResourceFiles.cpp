@@ -104,7 +104,7 @@ void TestResourceFiles::initTestCase()
         QVERIFY2(QResource::registerResource(path, QStringLiteral("/") + v), qPrintable(path));
     }
     const QString alg = qEnvironmentVariable("ZRUI_TOKENSIM_DIR") + "libzralg.so";
-    m_alg = dlopen(QFile::encodeName(alg).constData(), RTLD_LAZY | RTLD_DEEPBIND);
+    m_alg = dlopen(QFile::encodeName(alg).constData(), ZRUI_ALG_DLOPEN_MODE);
     QVERIFY2(m_alg, dlerror());
     m_reverse = reinterpret_cast<PFN_ZRA_ReverseData>(dlsym(m_alg, "ZRA_ReverseData"));
     m_verify = reinterpret_cast<PFN_ZRA_RSA_Verify_ZRKey>(dlsym(m_alg, "ZRA_RSA_Verify_ZRKey"));
