@@ -138,14 +138,10 @@ void FIFO_Service::CreatePipeAndListen()
     m_Listening = true;
 
     while (m_Listening) {
-        m_hContext = 0;
-        m_hDev = 0;
-        m_allowedOps.clear();
-        m_allowedOps.insert(REQ_BeginSession);
-
         qDebug() << "CreatePipeAndListen: call accept...";
-        m_sock = accept(m_hListenSocket, reinterpret_cast<sockaddr *>(&clientAddr), &clientLen);
-        if (m_sock < 0) {
+        const int sock
+                = accept(m_hListenSocket, reinterpret_cast<sockaddr *>(&clientAddr), &clientLen);
+        if (sock < 0) {
             // The 1 s receive time-out lands here every second while nobody
             // connects: that is how the loop sees StopPipeListening().
             emit pipe_accept_failed();
@@ -161,36 +157,18 @@ void FIFO_Service::CreatePipeAndListen()
         // away before a single byte is read.
         ucred cred;
         socklen_t credLen = sizeof cred;
-        if (getsockopt(m_sock, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) {
+        if (getsockopt(sock, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0) {
             qDebug("rejected peer: getsockopt(SO_PEERCRED) failed, errno=%d", errno);
-            close(m_sock);
+            close(sock);
             continue;
         }
         if (cred.uid != getuid()) {
             qDebug("rejected peer uid=%u pid=%d: not this user", unsigned(cred.uid), int(cred.pid));
-            close(m_sock);
+            close(sock);
             continue;
         }
 
-        for (;;) {
-            memset(recvPack, 0, sizeof recvPack);
-            if (!RecvPack(recvPack)) {
-                qDebug() << "RecvPack() failed";
-                emit pipe_comm_failed();
-                break;
-            }
-            if (m_hDev != 0 && ZRK_IsDevPresent && ZRK_IsDevPresent(m_hDev) != 0) {
-                qDebug() << "UI_TOKEN_NOT_PRESENT";
-                SendResp(UI_TOKEN_NOT_PRESENT, nullptr, 0);
-                break;
-            }
-            if (!HandleClientRequest(recvPack)) {
-                qDebug() << "HandleClientRequest() failed";
-                emit pipe_comm_failed();
-                break;
-            }
-        }
-        endConnection();
+        ServeConnection(sock);
     }
 
     if (m_hListenSocket > 0) {
@@ -203,6 +181,41 @@ void FIFO_Service::CreatePipeAndListen()
     // the GUI thread's event loops without synchronisation.
     if (QCoreApplication *app = QCoreApplication::instance())
         QMetaObject::invokeMethod(app, "quit", Qt::QueuedConnection);
+}
+
+/**
+ * Serves the connected socket @p fd from a fresh session (no handles, only
+ * REQ_BeginSession allowed) until the connection ends, then cleans up and
+ * closes @p fd. Runs in the service thread.
+ */
+void FIFO_Service::ServeConnection(int fd)
+{
+    m_hContext = 0;
+    m_hDev = 0;
+    m_allowedOps.clear();
+    m_allowedOps.insert(REQ_BeginSession);
+    m_sock = fd;
+
+    for (;;) {
+        memset(recvPack, 0, sizeof recvPack);
+        if (!RecvPack(recvPack)) {
+            qDebug() << "RecvPack() failed";
+            emit pipe_comm_failed();
+            break;
+        }
+        if (m_hDev != 0 && ZRK_IsDevPresent && ZRK_IsDevPresent(m_hDev) != 0) {
+            qDebug() << "UI_TOKEN_NOT_PRESENT";
+            SendResp(UI_TOKEN_NOT_PRESENT, nullptr, 0);
+            break;
+        }
+        if (!HandleClientRequest(recvPack)) {
+            qDebug() << "HandleClientRequest() failed";
+            emit pipe_comm_failed();
+            break;
+        }
+    }
+    endConnection();
+    m_sock = -1;
 }
 
 void FIFO_Service::endConnection()

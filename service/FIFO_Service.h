@@ -23,6 +23,9 @@ public:
     FIFO_Service(QObject *uiService, QSettings *settings, QObject *parent = nullptr);
     ~FIFO_Service() override;
 
+    /** Serves one accepted connection of this user to its end; closes @p fd. */
+    void ServeConnection(int fd);
+
 signals:
     void start_pipe_failed();
     void pipe_comm_failed();
