@@ -11,6 +11,7 @@ PACKAGES=(
   xvfb xauth xdotool x11-utils
   fonts-noto-cjk fonts-dejavu-core
   util-linux
+  clang libclang-rt-14-dev
 )
 
 SUDO=""
