@@ -22,7 +22,10 @@ endif()
 # reports) and go without _FORTIFY_SOURCE, whose checked string functions
 # would hide accesses from the sanitizers' own interceptors.
 include(CheckPIESupported)
-check_pie_supported(LANGUAGES C CXX)
+check_pie_supported(OUTPUT_VARIABLE _zrui_pie_output LANGUAGES C CXX)
+if(NOT CMAKE_CXX_LINK_PIE_SUPPORTED)
+  message(WARNING "the linker cannot make position-independent executables: ${_zrui_pie_output}")
+endif()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 set(ZRUI_SANITIZED OFF)
