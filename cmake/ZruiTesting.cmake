@@ -4,8 +4,8 @@
 # zrui_add_test(NAME <name> COMMAND <command...> [TIMEOUT ...] ...)
 #
 # One executable per test class; a test given as a COMMAND (a script) runs
-# that instead, with the same environment. Every test runs offscreen with a fixed
-# UTF-8 locale unless the launcher (xvfb-run for real-window tests) says
+# that instead, with the same environment. Every test runs offscreen with a
+# fixed UTF-8 locale unless the launcher (xvfb-run for real-window tests) says
 # otherwise. Tests that read the fixed log file /tmp/uilog.txt take the
 # "uilog" lock so that their lines do not mix.
 #
@@ -14,11 +14,11 @@
 # test gets it (tests added with a plain add_test must append it themselves),
 # and so do the servers the tests start, which inherit the environment. Any
 # report that the suppressions do not cover ends the process with an error.
-# On X, no GL integration: the Mesa driver Qt would load for it leaks at
-# exit from a library that is unloaded by then, which no suppression can
-# name; the widgets do not use GL.
 set(ZRUI_SANITIZER_ENV)
 if(ZRUI_ASAN OR ZRUI_FUZZ OR ZRUI_TSAN)
+  # On X, no GL integration: the Mesa driver Qt would load for it leaks at
+  # exit from a library that is unloaded by then, which no suppression can
+  # name; the widgets do not use GL.
   list(APPEND ZRUI_SANITIZER_ENV "QT_XCB_GL_INTEGRATION=none")
 endif()
 set(_zrui_supp ${CMAKE_SOURCE_DIR}/tests/support)
