@@ -14,7 +14,8 @@ PACKAGES=(
   util-linux
   libsystemd-dev systemd
   debhelper dpkg-dev lintian fakeroot debootstrap
-  strace libxcb1-dev
+  strace
+  clang libclang-rt-14-dev
 )
 
 SUDO=""

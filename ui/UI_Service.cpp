@@ -181,6 +181,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
     fifoService = new FIFO_Service(this, protectedSettings, nullptr);
     serviceThread = new QThread(this);
     fifoService->moveToThread(serviceThread);
+    connect(
+            serviceThread, &QThread::finished, this,
+            [this] { serviceThreadDone.store(true, std::memory_order_release); },
+            Qt::DirectConnection);
 
     // String-based on purpose: the types must match as written here.
     connect(this, SIGNAL(StartPipe()), fifoService, SLOT(CreatePipeAndListen()),
@@ -283,6 +287,8 @@ UI_Service::~UI_Service()
                 fifoService->StopPipeListening();
         }
     }
+    // Pairs with the release in the service thread's last act.
+    (void)serviceThreadDone.load(std::memory_order_acquire);
     if (fifoService)
         delete fifoService;
     if (encPinBuff) {

@@ -86,6 +86,11 @@ private:
     CertListDialog *listDialog = nullptr;
     FIFO_Service *fifoService = nullptr;
     QThread *serviceThread = nullptr;
+    // Set by the service thread as its last act (release), read by the
+    // destructor after wait() (acquire): QThread::wait() synchronises inside
+    // QtCore alone, so without this pair ThreadSanitizer cannot see that the
+    // thread's work is over before the service is deleted.
+    std::atomic<bool> serviceThreadDone{false};
     QSettings *settings = nullptr;
     QSettings *protectedSettings = nullptr;
     // The hand-off fields are shared with the socket thread. The status is

@@ -10,8 +10,9 @@ if(ZRUI_XVFB_RUN)
   add_test(NAME TestPINDialog_xcb
     COMMAND ${ZRUI_XVFB_RUN} -a $<TARGET_FILE:TestPINDialog>
             testMiddleClickPasteIgnored testClipboardShortcutsSwallowed testDropIgnored)
-  set_tests_properties(TestPINDialog_xcb PROPERTIES TIMEOUT 120
-    ENVIRONMENT "LANG=C.UTF-8;LC_ALL=C.UTF-8;QT_QPA_PLATFORM=xcb;ZRUI_TEST_OUTPUT=${CMAKE_BINARY_DIR}/test-output")
+  set(_xcb_env LANG=C.UTF-8 LC_ALL=C.UTF-8 QT_QPA_PLATFORM=xcb
+      ZRUI_TEST_OUTPUT=${CMAKE_BINARY_DIR}/test-output ${ZRUI_SANITIZER_ENV})
+  set_tests_properties(TestPINDialog_xcb PROPERTIES TIMEOUT 120 ENVIRONMENT "${_xcb_env}")
 endif()
 
 # Strength rules of the PIN dialog, table by table.

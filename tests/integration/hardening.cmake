@@ -3,3 +3,16 @@ zrui_add_test(NAME TestProcessHardening
   LIBS zrui_testsupport Qt5::Core
   LOCKS uilog)
 add_dependencies(TestProcessHardening ZRUIServer zrui_resources zrui_tokensim)
+
+# The shipped executables as built: PIE, full RELRO, stack protector and
+# (outside sanitizer builds) _FORTIFY_SOURCE, read from their ELF headers.
+find_program(ZRUI_READELF NAMES readelf REQUIRED)
+set(_fortify ON)
+if(ZRUI_SANITIZED)
+  set(_fortify OFF)
+endif()
+zrui_add_test(NAME TestBinaryHardening
+  COMMAND ${CMAKE_COMMAND} -DREADELF=${ZRUI_READELF} -DFORTIFY=${_fortify}
+          "-DBINARIES=$<TARGET_FILE:ZRUIServer>$<SEMICOLON>$<TARGET_FILE:zrui-cli>"
+          -P ${CMAKE_SOURCE_DIR}/cmake/ZruiCheckHardening.cmake
+  TIMEOUT 60)

@@ -9,21 +9,13 @@ target_link_libraries(zrui_service_harness PUBLIC zrui_service zrui_testsupport 
                                                   Qt5::Test zrui_common)
 add_dependencies(zrui_service_harness zrui_tokensim)
 
-# Under ThreadSanitizer: silence what QtCore/GLib raise from inside
-# themselves (see the file); any report fails the test.
-set(_svc_tsan_env)
-if(ZRUI_TSAN)
-  set(_svc_tsan_env
-      "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/service-tsan.supp halt_on_error=0 exitcode=66")
-endif()
-
 zrui_add_test(NAME TestServiceProtocol
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServiceProtocol.cpp
-  LIBS zrui_service_harness TIMEOUT 300 ENV ${_svc_tsan_env})
+  LIBS zrui_service_harness TIMEOUT 300)
 # Reads and clears /tmp/uilog.txt.
 zrui_add_test(NAME TestServiceSecurity
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServiceSecurity.cpp
-  LIBS zrui_service_harness LOCKS uilog TIMEOUT 120 ENV ${_svc_tsan_env})
+  LIBS zrui_service_harness LOCKS uilog TIMEOUT 120)
 
 # The service inside the real executable: second instance, keep-alive.
 zrui_add_test(NAME TestServiceProcess
