@@ -184,8 +184,10 @@ void TestWindowLifecycle::initTestCase()
     const QString openbox = QStandardPaths::findExecutable(QStringLiteral("openbox"));
     if (openbox.isEmpty())
         QSKIP("needs openbox (scripts/install-deps.sh)");
+    windowManager.setProcessChannelMode(QProcess::MergedChannels);
     windowManager.start(openbox, {QStringLiteral("--sm-disable")});
-    QTRY_VERIFY_WITH_TIMEOUT(windowManagerRunning(), 15000);
+    // Slow to come up while other X tests load the machine.
+    QTRY_VERIFY2_WITH_TIMEOUT(windowManagerRunning(), windowManager.readAll().constData(), 60000);
     server.setPlatform(QString()); // the X server of xvfb-run
     QVERIFY2(server.start(), qPrintable(server.errorString()));
     QVERIFY2(server.waitForListening(), server.output().constData());
