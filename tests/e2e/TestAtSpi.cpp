@@ -14,11 +14,16 @@
 namespace {
 const char Pin[] = "Kp4Zw9Xq";
 
-// Dumps the application's accessible tree as "role|name|description|text"
-// lines once its PIN fields are there (deadline 8 s); exit 1 otherwise.
-const char Dump[] = R"(
-import pyatspi, sys, time
-name, deadline = sys.argv[1], time.time() + 8
+// With "--publish": waits for the registry, then puts the accessibility bus
+// address on the X root window (see initTestCase). With an application name:
+// dumps its accessible tree as "role|name|description|text" lines once its
+// PIN fields are there. Deadline 20 s; exit 1 on time-out.
+const char Script[] = R"(
+import pyatspi, subprocess, sys, time
+deadline = time.time() + 20
+def apps():
+    d = pyatspi.Registry.getDesktop(0)
+    return [d.getChildAtIndex(i) for i in range(d.childCount)]
 def walk(a, out):
     text = ''
     try:
@@ -29,24 +34,26 @@ def walk(a, out):
     out.append('%s|%s|%s|%s' % (a.getRoleName(), a.name, a.description, text))
     for i in range(a.childCount):
         walk(a.getChildAtIndex(i), out)
-while True:
+while time.time() < deadline:
     try:
-        desktop = pyatspi.Registry.getDesktop(0)
-        for i in range(desktop.childCount):
-            app = desktop.getChildAtIndex(i)
-            if app is not None and app.name == name:
-                out = []
+        found = apps()  # raises until the registry answers
+        if sys.argv[1] == '--publish':
+            a = subprocess.check_output(['dbus-send', '--session', '--print-reply=literal',
+                '--dest=org.a11y.Bus', '/org/a11y/bus', 'org.a11y.Bus.GetAddress'])
+            sys.exit(subprocess.call(['xprop', '-root', '-f', 'AT_SPI_BUS', '8s', '-set',
+                'AT_SPI_BUS', a.decode().strip()]))
+        for app in found:
+            out = []
+            if app is not None and app.name == sys.argv[1]:
                 walk(app, out)
-                if sum(l.startswith('password text|') for l in out) >= 3:
-                    print('\n'.join(out))
-                    sys.exit(0)
+            if sum(l.startswith('password text|') for l in out) >= 3:
+                print('\n'.join(out))
+                sys.exit(0)
     except Exception:
         pass
-    if time.time() > deadline:
-        d = pyatspi.Registry.getDesktop(0)
-        sys.stderr.write('applications: %s\n' % [d.getChildAtIndex(i).name for i in range(d.childCount)])
-        sys.exit(1)
     time.sleep(0.2)
+sys.stderr.write('applications: %s\n' % [a.name for a in apps()])
+sys.exit(1)
 )";
 } // namespace
 
@@ -80,20 +87,7 @@ void TestAtSpi::initTestCase()
     // failed, to announce itself to the registry on the not yet connected bus:
     // it never asks again and no screen reader ever lists it. Publishing the
     // address on the root window, as a desktop session does, avoids that race.
-    probe.start("/usr/bin/python3", {"-c", "import pyatspi, subprocess, sys, time\n"
-                                           "deadline = time.time() + 20\n"
-                                           "while time.time() < deadline:\n"
-                                           "    try:\n"
-                                           "        pyatspi.Registry.getDesktop(0).childCount\n"
-                                           "        break\n"
-                                           "    except Exception:\n"
-                                           "        time.sleep(0.1)\n"
-                                           "a = subprocess.check_output(['dbus-send', '--session',"
-                                           " '--print-reply=literal', '--dest=org.a11y.Bus',"
-                                           " '/org/a11y/bus', 'org.a11y.Bus.GetAddress'])\n"
-                                           "sys.exit(subprocess.call(['xprop', '-root', '-f',"
-                                           " 'AT_SPI_BUS', '8s', '-set', 'AT_SPI_BUS',"
-                                           " a.decode().strip()]))\n"});
+    probe.start("/usr/bin/python3", {"-c", Script, "--publish"});
     QVERIFY(probe.waitForFinished(30000) && probe.exitCode() == 0);
 
     server.reset(new ServerLauncher);
@@ -112,7 +106,7 @@ void TestAtSpi::initTestCase()
             && XDoTool::type(Pin));
 
     QProcess dump;
-    dump.start("/usr/bin/python3", {"-c", Dump, server->appName()});
+    dump.start("/usr/bin/python3", {"-c", Script, server->appName()});
     QVERIFY(dump.waitForFinished(40000));
     QVERIFY2(dump.exitCode() == 0, dump.readAllStandardError().constData());
     tree = QString::fromUtf8(dump.readAllStandardOutput()).split('\n');

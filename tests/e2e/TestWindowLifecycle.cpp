@@ -1,11 +1,13 @@
-// Windows under a real window manager (openbox in Xvfb): every way a person
-// closes a dialog gives its request an answer and leaves the service up;
-// windows go with their connection; a typed PIN leaves no copy behind.
+// The real executable under a real window manager (openbox in Xvfb), driven by
+// the client library and by xdotool as the person: answers given with the
+// keyboard, every way of closing a dialog answers its request and leaves the
+// service up, windows go with their connection, a typed PIN leaves no copy.
 #include "XDoTool.h"
 
 #include "ServerLauncher.h"
 #include "client/zrui_client.h"
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
@@ -29,34 +31,18 @@ const char Pin[] = "Qv7Kx2Zp9W"; // distinctive: appears nowhere else in the pro
 const QString PinTitle = QStringLiteral("Verify USBKey password");
 const QString ListTitle = QStringLiteral("Select Container");
 
-bool xdotool(const QStringList &args, QByteArray *out = nullptr)
-{
-    QProcess p;
-    p.start(QStringLiteral("xdotool"), args);
-    if (!p.waitForFinished(10000)) {
-        p.kill();
-        p.waitForFinished();
-        return false;
-    }
-    if (out)
-        *out = p.readAllStandardOutput();
-    return p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
-}
-
 // Every X window with this title, mapped or not: a hidden dialog still counts.
 int windowCount(const QString &title)
 {
     QByteArray out;
-    xdotool({QStringLiteral("search"), QStringLiteral("--name"), QStringLiteral("^%1$").arg(title)},
-            &out);
+    XDoTool::run({"search", "--name", QStringLiteral("^%1$").arg(title)}, &out);
     return int(out.trimmed().isEmpty() ? 0 : out.trimmed().split('\n').size());
 }
 
 bool windowManagerRunning()
 {
     QProcess p;
-    p.start(QStringLiteral("xprop"),
-            {QStringLiteral("-root"), QStringLiteral("_NET_SUPPORTING_WM_CHECK")});
+    p.start(QStringLiteral("xprop"), {"-root", "_NET_SUPPORTING_WM_CHECK"});
     return p.waitForFinished(5000) && p.readAllStandardOutput().contains("window id #");
 }
 
@@ -91,12 +77,11 @@ bool sendDeleteWindow(const QString &window)
 
 bool closeWindow(const QString &window, CloseWay way)
 {
-    if (!xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"), window}))
+    if (!XDoTool::run({"windowactivate", "--sync", window}))
         return false;
     if (way == WmDeleteWindow)
         return sendDeleteWindow(window);
-    return xdotool({QStringLiteral("key"),
-                    way == AltF4 ? QStringLiteral("alt+F4") : QStringLiteral("Escape")});
+    return XDoTool::key(way == AltF4 ? QStringLiteral("alt+F4") : QStringLiteral("Escape"));
 }
 
 /**
@@ -163,6 +148,9 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
+    void testRetryAnsweredWithKeyboard();
+    void testChooseThirdContainer();
+    void testWaitingGoesOnFinish();
     void testCloseAnswersAndServiceStays_data();
     void testCloseAnswersAndServiceStays();
     void testListWindowsGoWithConnection();
@@ -210,13 +198,91 @@ zrui_conn *TestWindowLifecycle::openSession()
     zrui_conn *c = nullptr;
     if (zrui_open(server.appName().toUtf8().constData(), &c) != ZRUI_OK)
         return nullptr;
-    // A failed close must not leave the test waiting forever on a box.
-    zrui_set_timeout(c, 15000);
+    // A stalled server or a failed close fails fast instead of waiting on a box.
+    zrui_set_timeout(c, 10000);
     if (zrui_begin_session(c, 0) != ZRUI_OK) {
         zrui_close(c);
         return nullptr;
     }
     return c;
+}
+
+// Polls REQ_PIN_GetPIN until the answer is no longer "no result".
+static QByteArray pinBytes(zrui_conn *conn, uint32_t *resp)
+{
+    QByteArray reply(COMMPACK_MAX_DATA, '\0');
+    const QDeadlineTimer deadline(15000);
+    do {
+        uint32_t len = 0;
+        if (zrui_request(conn, REQ_PIN_GetPIN, nullptr, 0, resp, reply.data(),
+                         uint32_t(reply.size()), &len)
+            != ZRUI_OK)
+            return "request failed";
+        if (*resp != UI_NO_RESULT)
+            return reply.left(int(len));
+        QThread::msleep(50);
+    } while (!deadline.hasExpired());
+    return "timed out";
+}
+
+static bool typeAndReturn(const QString &pin)
+{
+    const QString window = XDoTool::waitForWindow(PinTitle);
+    return !window.isEmpty() && XDoTool::run({"windowactivate", "--sync", window})
+           && XDoTool::type(pin) && XDoTool::key(QStringLiteral("Return"));
+}
+
+// A wrong PIN, Retry pressed with the keyboard, then a fresh empty dialog.
+void TestWindowLifecycle::testRetryAnsweredWithKeyboard()
+{
+    conn = openSession();
+    QVERIFY(conn);
+    QCOMPARE(zrui_pin_show(conn, 0), int(ZRUI_OK));
+    QVERIFY(typeAndReturn(QStringLiteral("wrong1")));
+    uint32_t resp = 0xFF;
+    QCOMPARE(pinBytes(conn, &resp).mid(4, 6), QByteArray("wrong1"));
+
+    std::atomic<int> retry{1000};
+    std::thread client([this, &retry] { retry = zrui_pin_retry(conn, 3); });
+    const QString box = XDoTool::waitForWindow(QStringLiteral("USBKey password error"));
+    const bool answered = !box.isEmpty() && XDoTool::run({"windowactivate", "--sync", box})
+                          && XDoTool::key(QStringLiteral("space")); // Retry has the focus
+    client.join(); // the connection's time-out bounds the wait
+    QVERIFY(answered);
+    QCOMPARE(retry.load(), int(ZRUI_OK));
+
+    QVERIFY(typeAndReturn(QStringLiteral("right2")));
+    QCOMPARE(pinBytes(conn, &resp).toHex(' '),
+             QByteArray("06 00 00 00 72 69 67 68 74 32 00 00 00 00"));
+    QCOMPARE(resp, uint32_t(UI_OK));
+    QVERIFY(XDoTool::waitForNoWindow(PinTitle)); // hidden after OK
+    QCOMPARE(zrui_pin_finish(conn), int(ZRUI_OK));
+    QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
+}
+
+void TestWindowLifecycle::testChooseThirdContainer()
+{
+    conn = openSession();
+    QVERIFY(conn);
+    QCOMPARE(zrui_list_show(conn, 0, "first\nsecond\nthird\nfourth"), int(ZRUI_OK));
+    const QString window = XDoTool::waitForWindow(ListTitle);
+    QVERIFY(!window.isEmpty() && XDoTool::run({"windowactivate", "--sync", window}));
+    // The combo box has the focus: two steps down, then Tab to OK and press it.
+    QVERIFY(XDoTool::key(QStringLiteral("Down Down Tab space")));
+    int32_t index = -7;
+    QCOMPARE(zrui_list_wait(conn, 15000, 50, &index), int(ZRUI_OK));
+    QCOMPARE(index, 2);
+    QVERIFY(XDoTool::waitForNoWindow(ListTitle));
+}
+
+void TestWindowLifecycle::testWaitingGoesOnFinish()
+{
+    conn = openSession();
+    QVERIFY(conn);
+    QCOMPARE(zrui_waiting_show(conn, 2, "1=30"), int(ZRUI_OK));
+    QVERIFY(!XDoTool::waitForWindow(QStringLiteral("Verify user PIN")).isEmpty());
+    QCOMPARE(zrui_waiting_finish(conn), int(ZRUI_OK));
+    QVERIFY(XDoTool::waitForNoWindow(QStringLiteral("Verify user PIN")));
 }
 
 void TestWindowLifecycle::testCloseAnswersAndServiceStays_data()
@@ -365,7 +431,7 @@ void TestWindowLifecycle::testNoPinCopyOutlivesItsUse()
     QCOMPARE(zrui_pin_show(conn, 0), int(ZRUI_OK));
     const QString window = XDoTool::waitForWindow(PinTitle);
     QVERIFY(!window.isEmpty());
-    QVERIFY(xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"), window}));
+    QVERIFY(XDoTool::run({"windowactivate", "--sync", window}));
     QVERIFY(XDoTool::type(QString::fromLatin1(Pin)) && XDoTool::key(QStringLiteral("Return")));
 
     // The result can be asked for again while the state allows it.
