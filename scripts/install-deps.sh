@@ -15,7 +15,7 @@ PACKAGES=(
   libsystemd-dev systemd
   debhelper dpkg-dev lintian fakeroot debootstrap
   strace libxcb1-dev
-  libx11-dev
+  libx11-dev weston qtwayland5
 )
 
 SUDO=""

@@ -6,6 +6,7 @@
 #include "FakeUiStatus.h"
 #include "ui/WindowActivation.h"
 
+#include <QAbstractEventDispatcher>
 #include <QAction>
 #include <QAbstractButton>
 #include <QApplication>
@@ -73,6 +74,7 @@ private slots:
     void testTabOrderAndKeyboardTyping();
     void testShowToggle();
     void testCapsLockHint();
+    void testActivationRequestedOnce();
     void testActivationRetries_data();
     void testActivationRetries();
 };
@@ -197,6 +199,29 @@ void TestPinFieldAids::testCapsLockHint()
 #else
     QFAIL("built without the X keyboard extension");
 #endif
+}
+
+// Qt parents the timer of a delayed single shot to the event dispatcher.
+static int pendingSingleShots()
+{
+    int n = 0;
+    for (QObject *o : QAbstractEventDispatcher::instance()->children())
+        n += o->inherits("QSingleShotTimer");
+    return n;
+}
+
+// An inactive dialog asks for activation and, only where the platform can
+// grant it, asks again half a second later.
+void TestPinFieldAids::testActivationRequestedOnce()
+{
+    FakeUiStatus status;
+    PINDialog dialog(PINDialog::SimpleKeyBoard, false, 0, &status, 1.0f);
+    QVERIFY(!dialog.isActiveWindow());
+    const int before = pendingSingleShots();
+    dialog.SetWindowAcitive();
+    QCOMPARE(pendingSingleShots() - before, WindowActivation::retriesActivation() ? 1 : 0);
+    QCOMPARE(WindowActivation::retriesActivation(),
+             !QGuiApplication::platformName().startsWith(QLatin1String("wayland")));
 }
 
 void TestPinFieldAids::testActivationRetries_data()
