@@ -195,13 +195,13 @@ private slots:
             const QString &title = titles.at(int(type));
             QCOMPARE(zrui_begin_session(conn, 0), int(ZRUI_OK));
             QCOMPARE(zrui_pin_show(conn, type), int(ZRUI_OK));
-            QVERIFY2(!XDoTool::waitForWindow(title, pid).isEmpty(),
+            QVERIFY2(!XDoTool::waitForWindow(title, 15000, pid).isEmpty(),
                      qPrintable(XDoTool::titles(pid).join(" / ")));
             QCOMPARE(XDoTool::titles(pid), QStringList{title});
             zrui_pin_result pending;
             QCOMPARE(zrui_pin_get(conn, &pending), int(ZRUI_E_NORESULT));
             QCOMPARE(zrui_pin_finish(conn), int(ZRUI_OK));
-            QVERIFY(XDoTool::waitForNoWindow(title, pid));
+            QVERIFY(XDoTool::waitForNoWindow(title, 15000, pid));
             QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
         }
         server.stop();

@@ -52,7 +52,7 @@ QStringList XDoTool::titles(qint64 pid)
     return names;
 }
 
-QString XDoTool::waitForWindow(const QString &title, qint64 pid, int timeoutMs)
+QString XDoTool::waitForWindow(const QString &title, int timeoutMs, qint64 pid)
 {
     const QDeadlineTimer deadline(timeoutMs);
     do {
@@ -64,7 +64,7 @@ QString XDoTool::waitForWindow(const QString &title, qint64 pid, int timeoutMs)
     return QString();
 }
 
-bool XDoTool::waitForNoWindow(const QString &title, qint64 pid, int timeoutMs)
+bool XDoTool::waitForNoWindow(const QString &title, int timeoutMs, qint64 pid)
 {
     const QDeadlineTimer deadline(timeoutMs);
     do {

@@ -28,8 +28,8 @@ public:
     // Titles of all visible windows of the process.
     static QStringList titles(qint64 pid);
     // Polls until such a window exists (empty on time-out), or until none is left.
-    static QString waitForWindow(const QString &title, qint64 pid = 0, int timeoutMs = 15000);
-    static bool waitForNoWindow(const QString &title, qint64 pid = 0, int timeoutMs = 15000);
+    static QString waitForWindow(const QString &title, int timeoutMs = 15000, qint64 pid = 0);
+    static bool waitForNoWindow(const QString &title, int timeoutMs = 15000, qint64 pid = 0);
 
     static bool focus(const QString &window);
     static bool type(const QString &text);

@@ -65,7 +65,7 @@ QImage settledGrab(WId window)
 
 bool shoot(const QString &title, const QString &name)
 {
-    const QString window = XDoTool::waitForWindow(title, serverPid);
+    const QString window = XDoTool::waitForWindow(title, 15000, serverPid);
     if (window.isEmpty()) {
         fail(QStringLiteral("no window \"%1\" for %2").arg(title, name));
         return false;
@@ -140,7 +140,7 @@ void pinDialogs(const ServerLauncher &server, const QString &prefix, bool allTyp
         if (!shoot(title, name))
             continue;
         // The change dialogs hide the old row's button: the new row's is next.
-        XDoTool::focus(XDoTool::waitForWindow(title, serverPid));
+        XDoTool::focus(XDoTool::waitForWindow(title, 15000, serverPid));
         // Tab order: the PIN fields, then the keyboard button.
         XDoTool::key(type == 2 || type == 3 ? QStringLiteral("Tab Tab Tab space")
                      : type == 5            ? QStringLiteral("Tab Tab space")
@@ -152,7 +152,7 @@ void pinDialogs(const ServerLauncher &server, const QString &prefix, bool allTyp
 // Type in the window's focused field and press keys; the window must exist.
 bool typeInto(const QString &title, const QString &text, const QString &keys)
 {
-    const QString window = XDoTool::waitForWindow(title, serverPid);
+    const QString window = XDoTool::waitForWindow(title, 15000, serverPid);
     return !window.isEmpty() && XDoTool::focus(window) && (text.isEmpty() || XDoTool::type(text))
            && (keys.isEmpty() || XDoTool::key(keys));
 }
@@ -194,7 +194,7 @@ int answerBox(zrui_conn *conn, const std::function<int()> &request, const QStrin
         done = true;
     });
     shoot(title, name);
-    const QString box = XDoTool::waitForWindow(title, serverPid);
+    const QString box = XDoTool::waitForWindow(title, 15000, serverPid);
     if (!box.isEmpty() && XDoTool::focus(box))
         XDoTool::key(keys);
     QElapsedTimer t;
@@ -257,7 +257,7 @@ void listDialog(const ServerLauncher &server)
         return;
     const QString title = tr("CertListDialog", "Form");
     shoot(title, QStringLiteral("list"));
-    XDoTool::focus(XDoTool::waitForWindow(title, serverPid));
+    XDoTool::focus(XDoTool::waitForWindow(title, 15000, serverPid));
     XDoTool::key(QStringLiteral("Tab Tab space")); // Cancel
     int32_t index = 0;
     if (zrui_list_wait(s.conn, 15000, 50, &index) != ZRUI_E_CANCEL)
@@ -295,7 +295,7 @@ void waitingDialogs(const ServerLauncher &server)
         const QString title = tr("WaitingDialog", waitingTitles[type]);
         shoot(title, QStringLiteral("waiting%1%2").arg(type).arg(i < 12 ? "" : "-countdown"));
         zrui_waiting_finish(s.conn);
-        XDoTool::waitForNoWindow(title, serverPid);
+        XDoTool::waitForNoWindow(title, 15000, serverPid);
     }
 }
 
