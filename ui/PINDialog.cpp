@@ -315,6 +315,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
         pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
     }
     for (QLineEdit *edit : edits) {
+        DialogAccessibility::markPinField(edit);
         edit->setMaxLength(static_cast<int>(pinMaxLen));
         edit->setContextMenuPolicy(Qt::NoContextMenu);
         // Nothing may be dropped into a PIN field.

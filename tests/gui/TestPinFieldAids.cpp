@@ -7,6 +7,7 @@
 #include "ui/WindowActivation.h"
 
 #include <QAbstractEventDispatcher>
+#include <QAccessible>
 #include <QAction>
 #include <QAbstractButton>
 #include <QApplication>
@@ -155,6 +156,10 @@ void TestPinFieldAids::testShowToggle()
         QCOMPARE(toggle->text(), QStringLiteral("Hide PIN"));
         edit->setSelection(0, 4);
         QVERIFY(!edit->hasSelectedText());
+        // Shown on screen, still a masked password field for assistive tools.
+        QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(edit);
+        QVERIFY(iface && iface->state().passwordEdit && !iface->textInterface());
+        QCOMPARE(iface->text(QAccessible::Value), QStringLiteral("******"));
         edit->setFocus();
         QTest::keyClick(edit, Qt::Key_Home);
         QTest::keyClick(edit, Qt::Key_End, Qt::ShiftModifier);
