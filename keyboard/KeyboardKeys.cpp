@@ -44,6 +44,18 @@ bool isArrowKey(int qtKey)
            || qtKey == Qt::Key_Down;
 }
 
+// The function keys' names, marked for lupdate in both keyboards' contexts
+// (the context is only known at run time).
+[[maybe_unused]] const char *const functionKeyNames[] = {
+        QT_TRANSLATE_NOOP("SoftKeyboard", "On-screen keyboard"),
+        QT_TRANSLATE_NOOP("SoftKeyboard", "Backspace"),
+        QT_TRANSLATE_NOOP("SoftKeyboard", "Shift"),
+        QT_TRANSLATE_NOOP("SoftKeyboard", "Space"),
+        QT_TRANSLATE_NOOP("SimpleSoftKeyboard", "On-screen keyboard"),
+        QT_TRANSLATE_NOOP("SimpleSoftKeyboard", "Backspace"),
+        QT_TRANSLATE_NOOP("SimpleSoftKeyboard", "Shift"),
+};
+
 } // namespace
 
 /**

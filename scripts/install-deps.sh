@@ -16,6 +16,7 @@ PACKAGES=(
   debhelper dpkg-dev lintian fakeroot debootstrap
   strace
   clang libclang-rt-14-dev
+  libx11-dev weston qtwayland5
 )
 
 SUDO=""

@@ -5,9 +5,13 @@
  * are. Plain widgets report a generic client area; the dialogs report the
  * dialog role (the message box the alert role), named by their title.
  */
+class QLineEdit;
+
 namespace DialogAccessibility {
 
 // Registers the dialogs' accessibility factory once; safe to call again.
 void install();
+// Makes `edit` a PIN field for assistive tools: never more than a masked value.
+void markPinField(QLineEdit *edit);
 
 } // namespace DialogAccessibility

@@ -3,13 +3,20 @@
 
 #include "keyboard/SimpleSoftKeyboard.h"
 #include "keyboard/SoftKeyboard.h"
+#include "CapsLockState.h"
+#include "WindowActivation.h"
 #include "DialogAccessibility.h"
 #include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
+#include <QAction>
+#include <QApplication>
 #include <QCloseEvent>
 #include <QDebug>
 #include <QGuiApplication>
+#include <QHideEvent>
+#include <QPainter>
+#include <QPainterPath>
 #include <QKeyEvent>
 #include <QKeySequence>
 #include <QLineEdit>
@@ -117,6 +124,27 @@ QColor readableRed(const QColor &background)
     for (int step = 0; step < 40 && contrast(red, background) < 4.5; ++step)
         red = QColor::fromHsl(0, 255, qBound(0, red.lightness() + (dark ? 5 : -5), 255));
     return red;
+}
+
+// An eye, struck through while the PIN is hidden; drawn in the text colour so
+// it reads on light and dark palettes alike.
+QIcon eyeIcon(const QColor &colour, bool struck)
+{
+    QPixmap pixmap(32, 32);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(QPen(colour, 2.5));
+    QPainterPath outline;
+    outline.moveTo(3, 16);
+    outline.quadTo(16, 3, 29, 16);
+    outline.quadTo(16, 29, 3, 16);
+    painter.drawPath(outline);
+    painter.setBrush(colour);
+    painter.drawEllipse(QPointF(16, 16), 4.5, 4.5);
+    if (struck)
+        painter.drawLine(6, 27, 26, 5);
+    return QIcon(pixmap);
 }
 
 bool endsWalk(const QString &row, QChar c, QChar next)
@@ -255,15 +283,15 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     // Deliberate departure: the fields first, in the order they are filled in,
     // then the keyboard buttons, OK and Cancel; a confirmation typed after one
     // Tab lands in the confirmation field.
-    QWidget *const tabOrder[] = {ui->lineEdit_oldPin,
-                                 ui->lineEdit_newPin,
-                                 ui->lineEdit_confirmPin,
-                                 ui->toolButtonold_softkeyboard,
-                                 ui->toolButtonnew_softkeyboard,
-                                 ui->pushButton_OK,
-                                 ui->pushButton_Cancel};
-    for (size_t i = 0; i + 1 < sizeof tabOrder / sizeof *tabOrder; ++i)
-        setTabOrder(tabOrder[i], tabOrder[i + 1]);
+    // An opened keyboard is the stop right after its button (only one of the
+    // two buttons is ever shown); a hidden panel is skipped.
+    QList<QWidget *> tabOrder{ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin,
+                              ui->toolButtonold_softkeyboard, ui->toolButtonnew_softkeyboard};
+    if (keyboard)
+        tabOrder << keyboard;
+    tabOrder << ui->pushButton_OK << ui->pushButton_Cancel;
+    for (int i = 0; i + 1 < tabOrder.size(); ++i)
+        setTabOrder(tabOrder.at(i), tabOrder.at(i + 1));
     DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
     // Screen readers name each field by its label.
     ui->label_oldPin->setBuddy(ui->lineEdit_oldPin);
@@ -287,6 +315,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
         pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
     }
     for (QLineEdit *edit : edits) {
+        DialogAccessibility::markPinField(edit);
         edit->setMaxLength(static_cast<int>(pinMaxLen));
         edit->setContextMenuPolicy(Qt::NoContextMenu);
         // Nothing may be dropped into a PIN field.
@@ -295,6 +324,25 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
 
     for (QLineEdit *edit : edits)
         connect(edit, SIGNAL(returnPressed()), this, SLOT(on_pushButton_OK_clicked()));
+
+    // A show/hide toggle inside each field. A shown PIN is still never
+    // selected: a selection in clear text would land in the X selection.
+    for (QLineEdit *edit : edits) {
+        QAction *toggle = edit->addAction(QIcon(), QLineEdit::TrailingPosition);
+        toggle->setObjectName(edit->objectName() + QStringLiteral("_show"));
+        toggle->setCheckable(true);
+        connect(toggle, &QAction::toggled, this, [this, edit, toggle](bool shown) {
+            edit->setEchoMode(shown ? QLineEdit::Normal : QLineEdit::Password);
+            if (shown)
+                edit->deselect();
+            refreshShowToggle(toggle);
+        });
+        connect(edit, &QLineEdit::selectionChanged, edit, [edit]() {
+            if (edit->echoMode() == QLineEdit::Normal && edit->hasSelectedText())
+                edit->deselect();
+        });
+        refreshShowToggle(toggle);
+    }
 
     timer = new QTimer();
 
@@ -414,6 +462,16 @@ QString PINDialog::filteredText(const QString &text) const
     return k >= 0 ? text.left(k) : text;
 }
 
+/**
+ * Deliberate departure: while the focus is in the on-screen keyboard (a
+ * key pressed with Space), its keys still type into the PIN field last used.
+ */
+bool PINDialog::focusInKeyboard() const
+{
+    const QWidget *focus = QApplication::focusWidget();
+    return keyboard && focus && (focus == keyboard || keyboard->isAncestorOf(focus));
+}
+
 bool PINDialog::isPinField(const QObject *obj) const
 {
     return ui
@@ -524,7 +582,7 @@ bool PINDialog::eventFilter(QObject *obj, QEvent *event)
         currentLineEdit = ui->lineEdit_newPin;
     else if (ui->lineEdit_confirmPin->hasFocus())
         currentLineEdit = ui->lineEdit_confirmPin;
-    else
+    else if (!focusInKeyboard())
         currentLineEdit = nullptr;
 
     switch (event->type()) {
@@ -535,13 +593,20 @@ bool PINDialog::eventFilter(QObject *obj, QEvent *event)
              || keyEvent->matches(QKeySequence::Cut))
             && isPinField(obj))
             return true;
+        if (keyEvent->key() == Qt::Key_CapsLock && isPinField(obj))
+            refreshCapsLockHint();
         break;
     }
     case QEvent::FocusIn:
         if (isPinField(obj)) {
             qDebug() << "QEvent::FocusIn, obj=" << obj;
             randomSoftKeyboard();
+            refreshCapsLockHint();
         }
+        break;
+    case QEvent::FocusOut:
+        if (isPinField(obj))
+            refreshCapsLockHint();
         break;
     case QEvent::MouseButtonPress:
     case QEvent::MouseButtonRelease:
@@ -779,7 +844,11 @@ void PINDialog::RefreshNewPinStatus(bool)
 
 void PINDialog::RefreshNewPinStatus() { RefreshNewPinStatus(true); }
 
-/// Keeps asking for activation every half second until the window has it.
+/**
+ * Keeps asking for activation every half second until the window has it.
+ * Deliberate departure: where the platform refuses such requests (Wayland)
+ * the request is made once, with no retry loop.
+ */
 void PINDialog::SetWindowAcitive()
 {
     qDebug() << "SetWindowAcitive: is focus on?" << isActiveWindow();
@@ -787,7 +856,8 @@ void PINDialog::SetWindowAcitive()
         return;
     qDebug() << "SetWindowAcitive: set dialog focus";
     activateWindow();
-    QTimer::singleShot(500, this, &PINDialog::SetWindowAcitive);
+    if (WindowActivation::retriesActivation())
+        QTimer::singleShot(500, this, &PINDialog::SetWindowAcitive);
 }
 
 /**
@@ -893,9 +963,50 @@ void PINDialog::keyPressEvent(QKeyEvent *event)
         QWidget::keyPressEvent(event);
 }
 
+/**
+ * A PIN shown in clear is hidden again whenever the dialog goes out of view,
+ * and the Caps Lock hint goes with it.
+ */
+void PINDialog::hideEvent(QHideEvent *event)
+{
+    if (ui) {
+        for (QAction *toggle :
+             findChildren<QAction *>(QRegularExpression(QStringLiteral("_show$"))))
+            toggle->setChecked(false);
+        ui->label_capsLock->hide();
+    }
+    QWidget::hideEvent(event);
+}
+
+void PINDialog::refreshShowToggle(QAction *toggle)
+{
+    const bool shown = toggle->isChecked();
+    toggle->setText(shown ? tr("Hide PIN") : tr("Show PIN"));
+    toggle->setToolTip(toggle->text());
+    toggle->setIcon(eyeIcon(palette().color(QPalette::Text), !shown));
+}
+
+/**
+ * Shows the Caps Lock hint while a PIN field has the focus and the display
+ * server reports Caps Lock on; shows nothing where it cannot tell.
+ */
+void PINDialog::refreshCapsLockHint()
+{
+    const QWidget *focus = QApplication::focusWidget();
+    const bool show = focus && isPinField(focus) && isVisible()
+                      && CapsLockState::query() == CapsLockState::On;
+    if (show == ui->label_capsLock->isVisible())
+        return;
+    ui->label_capsLock->setVisible(show);
+    RefreshLayout();
+}
+
 void PINDialog::changeEvent(QEvent *event)
 {
     if (event->type() == QEvent::ActivationChange && isActiveWindow())
         DialogKeys::showFocusRing(this);
+    // Caps Lock may have been switched in another window meanwhile.
+    if (event->type() == QEvent::ActivationChange && ui)
+        refreshCapsLockHint();
     QWidget::changeEvent(event);
 }

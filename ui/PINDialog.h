@@ -72,6 +72,7 @@ protected:
     void closeEvent(QCloseEvent *event) override;
     void keyPressEvent(QKeyEvent *event) override;
     void changeEvent(QEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
 
 private:
     UiStatusHandler *statusHandler() const;
@@ -80,6 +81,9 @@ private:
     QString lengthText() const;
     QString filteredText(const QString &text) const;
     bool isPinField(const QObject *obj) const;
+    bool focusInKeyboard() const;
+    void refreshShowToggle(QAction *toggle);
+    void refreshCapsLockHint();
 
     QObject *service = nullptr;
     QWidget *keyboard = nullptr;

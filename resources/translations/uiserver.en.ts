@@ -73,6 +73,18 @@
 <context>
     <name>PINDialog</name>
     <message>
+        <source>Caps Lock is on</source>
+        <translation>Caps Lock is on</translation>
+    </message>
+    <message>
+        <source>Show PIN</source>
+        <translation>Show PIN</translation>
+    </message>
+    <message>
+        <source>Hide PIN</source>
+        <translation>Hide PIN</translation>
+    </message>
+    <message>
         <source>Wrong PIN. %1</source>
         <translation>Wrong PIN. %1</translation>
     </message>
@@ -184,6 +196,18 @@
 <context>
     <name>SimpleSoftKeyboard</name>
     <message>
+        <source>On-screen keyboard</source>
+        <translation>On-screen keyboard</translation>
+    </message>
+    <message>
+        <source>Backspace</source>
+        <translation>Backspace</translation>
+    </message>
+    <message>
+        <source>Shift</source>
+        <translation>Shift</translation>
+    </message>
+    <message>
         <source>Form</source>
         <translation>Soft keyboard</translation>
     </message>
@@ -206,6 +230,22 @@
 </context>
 <context>
     <name>SoftKeyboard</name>
+    <message>
+        <source>On-screen keyboard</source>
+        <translation>On-screen keyboard</translation>
+    </message>
+    <message>
+        <source>Backspace</source>
+        <translation>Backspace</translation>
+    </message>
+    <message>
+        <source>Shift</source>
+        <translation>Shift</translation>
+    </message>
+    <message>
+        <source>Space</source>
+        <translation>Space</translation>
+    </message>
     <message>
         <source>Form</source>
         <translation>Soft keyboard</translation>

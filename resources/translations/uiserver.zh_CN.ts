@@ -73,6 +73,18 @@
 <context>
     <name>PINDialog</name>
     <message>
+        <source>Caps Lock is on</source>
+        <translation>大写锁定已打开</translation>
+    </message>
+    <message>
+        <source>Show PIN</source>
+        <translation>显示PIN码</translation>
+    </message>
+    <message>
+        <source>Hide PIN</source>
+        <translation>隐藏PIN码</translation>
+    </message>
+    <message>
         <source>Wrong PIN. %1</source>
         <translation>PIN码错误。%1</translation>
     </message>
@@ -184,6 +196,18 @@
 <context>
     <name>SimpleSoftKeyboard</name>
     <message>
+        <source>On-screen keyboard</source>
+        <translation>屏幕键盘</translation>
+    </message>
+    <message>
+        <source>Backspace</source>
+        <translation>退格</translation>
+    </message>
+    <message>
+        <source>Shift</source>
+        <translation>上档</translation>
+    </message>
+    <message>
         <source>Form</source>
         <translation>软键盘</translation>
     </message>
@@ -206,6 +230,22 @@
 </context>
 <context>
     <name>SoftKeyboard</name>
+    <message>
+        <source>On-screen keyboard</source>
+        <translation>屏幕键盘</translation>
+    </message>
+    <message>
+        <source>Backspace</source>
+        <translation>退格</translation>
+    </message>
+    <message>
+        <source>Shift</source>
+        <translation>上档</translation>
+    </message>
+    <message>
+        <source>Space</source>
+        <translation>空格</translation>
+    </message>
     <message>
         <source>Form</source>
         <translation>软键盘</translation>

@@ -1,11 +1,13 @@
-// Windows under a real window manager (openbox in Xvfb): every way a person
-// closes a dialog gives its request an answer and leaves the service up;
-// windows go with their connection; a typed PIN leaves no copy behind.
+// The real executable under a real window manager (openbox in Xvfb), driven by
+// the client library and by xdotool as the person: answers given with the
+// keyboard, every way of closing a dialog answers its request and leaves the
+// service up, windows go with their connection, a typed PIN leaves no copy.
 #include "XDoTool.h"
 
 #include "ServerLauncher.h"
 #include "client/zrui_client.h"
 
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
@@ -23,40 +25,23 @@
 namespace {
 
 enum Kind { PinWindow, RetryBox, MessageBox, ListWindow, WaitingWindow };
-enum CloseWay { WmDeleteWindow, AltF4, EscapeKey };
 
 const char Pin[] = "Qv7Kx2Zp9W"; // distinctive: appears nowhere else in the process
 const QString PinTitle = QStringLiteral("Verify USBKey password");
 const QString ListTitle = QStringLiteral("Select Container");
 
-bool xdotool(const QStringList &args, QByteArray *out = nullptr)
-{
-    QProcess p;
-    p.start(QStringLiteral("xdotool"), args);
-    if (!p.waitForFinished(10000)) {
-        p.kill();
-        p.waitForFinished();
-        return false;
-    }
-    if (out)
-        *out = p.readAllStandardOutput();
-    return p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
-}
-
 // Every X window with this title, mapped or not: a hidden dialog still counts.
 int windowCount(const QString &title)
 {
     QByteArray out;
-    xdotool({QStringLiteral("search"), QStringLiteral("--name"), QStringLiteral("^%1$").arg(title)},
-            &out);
+    XDoTool::run({"search", "--name", QStringLiteral("^%1$").arg(title)}, &out);
     return int(out.trimmed().isEmpty() ? 0 : out.trimmed().split('\n').size());
 }
 
 bool windowManagerRunning()
 {
     QProcess p;
-    p.start(QStringLiteral("xprop"),
-            {QStringLiteral("-root"), QStringLiteral("_NET_SUPPORTING_WM_CHECK")});
+    p.start(QStringLiteral("xprop"), {"-root", "_NET_SUPPORTING_WM_CHECK"});
     return p.waitForFinished(5000) && p.readAllStandardOutput().contains("window id #");
 }
 
@@ -89,14 +74,13 @@ bool sendDeleteWindow(const QString &window)
     return ok;
 }
 
-bool closeWindow(const QString &window, CloseWay way)
+// Closes the window as a window manager's close button does ("delete") or
+// presses keys in it.
+bool closeWindow(const QString &window, const QString &keys)
 {
-    if (!xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"), window}))
+    if (!XDoTool::run({"windowactivate", "--sync", window}))
         return false;
-    if (way == WmDeleteWindow)
-        return sendDeleteWindow(window);
-    return xdotool({QStringLiteral("key"),
-                    way == AltF4 ? QStringLiteral("alt+F4") : QStringLiteral("Escape")});
+    return keys == QLatin1String("delete") ? sendDeleteWindow(window) : XDoTool::key(keys);
 }
 
 /**
@@ -163,6 +147,8 @@ private slots:
     void cleanup();
     void cleanupTestCase();
 
+    void testRetryAnsweredWithKeyboard();
+    void testWaitingGoesOnFinish();
     void testCloseAnswersAndServiceStays_data();
     void testCloseAnswersAndServiceStays();
     void testListWindowsGoWithConnection();
@@ -212,8 +198,8 @@ zrui_conn *TestWindowLifecycle::openSession()
     zrui_conn *c = nullptr;
     if (zrui_open(server.appName().toUtf8().constData(), &c) != ZRUI_OK)
         return nullptr;
-    // A failed close must not leave the test waiting forever on a box.
-    zrui_set_timeout(c, 15000);
+    // A stalled server or a failed close fails fast instead of waiting on a box.
+    zrui_set_timeout(c, 10000);
     if (zrui_begin_session(c, 0) != ZRUI_OK) {
         zrui_close(c);
         return nullptr;
@@ -221,29 +207,101 @@ zrui_conn *TestWindowLifecycle::openSession()
     return c;
 }
 
+// Polls REQ_PIN_GetPIN until the answer is no longer "no result".
+static QByteArray pinBytes(zrui_conn *conn, uint32_t *resp)
+{
+    QByteArray reply(COMMPACK_MAX_DATA, '\0');
+    const QDeadlineTimer deadline(15000);
+    do {
+        uint32_t len = 0;
+        if (zrui_request(conn, REQ_PIN_GetPIN, nullptr, 0, resp, reply.data(),
+                         uint32_t(reply.size()), &len)
+            != ZRUI_OK)
+            return "request failed";
+        if (*resp != UI_NO_RESULT)
+            return reply.left(int(len));
+        QThread::msleep(50);
+    } while (!deadline.hasExpired());
+    return "timed out";
+}
+
+static bool typeAndReturn(const QString &pin)
+{
+    const QString window = XDoTool::waitForWindow(PinTitle);
+    return !window.isEmpty() && XDoTool::run({"windowactivate", "--sync", window})
+           && XDoTool::type(pin) && XDoTool::key(QStringLiteral("Return"));
+}
+
+// A wrong PIN, Retry pressed with the keyboard, then a fresh empty dialog.
+void TestWindowLifecycle::testRetryAnsweredWithKeyboard()
+{
+    conn = openSession();
+    QVERIFY(conn);
+    QCOMPARE(zrui_pin_show(conn, 0), int(ZRUI_OK));
+    QVERIFY(typeAndReturn(QStringLiteral("wrong1")));
+    uint32_t resp = 0xFF;
+    QCOMPARE(pinBytes(conn, &resp).mid(4, 6), QByteArray("wrong1"));
+
+    std::atomic<int> retry{1000};
+    std::thread client([this, &retry] { retry = zrui_pin_retry(conn, 3); });
+    const QString box = XDoTool::waitForWindow(QStringLiteral("USBKey password error"));
+    const bool answered = !box.isEmpty() && XDoTool::run({"windowactivate", "--sync", box})
+                          && XDoTool::key(QStringLiteral("space")); // Retry has the focus
+    client.join(); // the connection's time-out bounds the wait
+    QVERIFY(answered);
+    QCOMPARE(retry.load(), int(ZRUI_OK));
+
+    QVERIFY(typeAndReturn(QStringLiteral("right2")));
+    QCOMPARE(pinBytes(conn, &resp).toHex(' '),
+             QByteArray("06 00 00 00 72 69 67 68 74 32 00 00 00 00"));
+    QCOMPARE(resp, uint32_t(UI_OK));
+    QVERIFY(XDoTool::waitForNoWindow(PinTitle)); // hidden after OK
+    QCOMPARE(zrui_pin_finish(conn), int(ZRUI_OK));
+    QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
+}
+
+void TestWindowLifecycle::testWaitingGoesOnFinish()
+{
+    conn = openSession();
+    QVERIFY(conn);
+    QCOMPARE(zrui_waiting_show(conn, 2, "1=30"), int(ZRUI_OK));
+    QVERIFY(!XDoTool::waitForWindow(QStringLiteral("Verify user PIN")).isEmpty());
+    QCOMPARE(zrui_waiting_finish(conn), int(ZRUI_OK));
+    QVERIFY(XDoTool::waitForNoWindow(QStringLiteral("Verify user PIN")));
+}
+
 void TestWindowLifecycle::testCloseAnswersAndServiceStays_data()
 {
     QTest::addColumn<int>("kind");
-    QTest::addColumn<int>("way");
+    QTest::addColumn<QString>("keys");
     QTest::addColumn<int>("answer");
     // Alt+F4 is openbox's own close. The PIN window offers no close function,
     // so openbox ignores Alt+F4 there; it gets WM_DELETE_WINDOW directly.
-    QTest::newRow("pin, delete-window")
-            << int(PinWindow) << int(WmDeleteWindow) << int(ZRUI_E_CANCEL);
-    QTest::newRow("pin, Escape") << int(PinWindow) << int(EscapeKey) << int(ZRUI_E_CANCEL);
-    QTest::newRow("retry, Alt+F4") << int(RetryBox) << int(AltF4) << int(ZRUI_E_CANCEL);
-    QTest::newRow("retry, Escape") << int(RetryBox) << int(EscapeKey) << int(ZRUI_E_CANCEL);
-    QTest::newRow("message, Alt+F4") << int(MessageBox) << int(AltF4) << int(ZRUI_OK);
-    QTest::newRow("message, Escape") << int(MessageBox) << int(EscapeKey) << int(ZRUI_OK);
-    QTest::newRow("list, Alt+F4") << int(ListWindow) << int(AltF4) << int(ZRUI_E_CANCEL);
-    QTest::newRow("list, Escape") << int(ListWindow) << int(EscapeKey) << int(ZRUI_E_CANCEL);
-    QTest::newRow("waiting, Alt+F4") << int(WaitingWindow) << int(AltF4) << int(ZRUI_OK);
+    const struct
+    {
+        const char *name;
+        Kind kind;
+        const char *keys;
+        int answer;
+    } rows[] = {{"pin, delete-window", PinWindow, "delete", ZRUI_E_CANCEL},
+                {"pin, Escape", PinWindow, "Escape", ZRUI_E_CANCEL},
+                {"retry, Alt+F4", RetryBox, "alt+F4", ZRUI_E_CANCEL},
+                {"retry, Escape", RetryBox, "Escape", ZRUI_E_CANCEL},
+                {"message, Alt+F4", MessageBox, "alt+F4", ZRUI_OK},
+                {"message, Escape", MessageBox, "Escape", ZRUI_OK},
+                {"list, Alt+F4", ListWindow, "alt+F4", ZRUI_E_CANCEL},
+                {"list, Escape", ListWindow, "Escape", ZRUI_E_CANCEL},
+                // The combo box has the focus: two down, Tab to OK, press it.
+                {"list, third chosen", ListWindow, "Down Down Tab space", ZRUI_OK},
+                {"waiting, Alt+F4", WaitingWindow, "alt+F4", ZRUI_OK}};
+    for (const auto &r : rows)
+        QTest::newRow(r.name) << int(r.kind) << QString(r.keys) << r.answer;
 }
 
 void TestWindowLifecycle::testCloseAnswersAndServiceStays()
 {
     QFETCH(int, kind);
-    QFETCH(int, way);
+    QFETCH(QString, keys);
     QFETCH(int, answer);
     conn = openSession();
     QVERIFY(conn);
@@ -272,7 +330,7 @@ void TestWindowLifecycle::testCloseAnswersAndServiceStays()
         title = QStringLiteral("Lifecycle notice");
         break;
     case ListWindow:
-        QCOMPARE(zrui_list_show(conn, 0, "first\nsecond"), int(ZRUI_OK));
+        QCOMPARE(zrui_list_show(conn, 0, "first\nsecond\nthird"), int(ZRUI_OK));
         title = ListTitle;
         break;
     case WaitingWindow:
@@ -282,7 +340,7 @@ void TestWindowLifecycle::testCloseAnswersAndServiceStays()
     }
 
     const QString window = XDoTool::waitForWindow(title);
-    const bool closed = !window.isEmpty() && closeWindow(window, CloseWay(way));
+    const bool closed = !window.isEmpty() && closeWindow(window, keys);
     int result = 1000;
     if (client.joinable()) {
         client.join(); // the connection's time-out bounds the wait
@@ -295,12 +353,14 @@ void TestWindowLifecycle::testCloseAnswersAndServiceStays()
             result = zrui_pin_wait(conn, 1000, 50, &pin);
             // A delete message sent just as the window appears is now and then
             // not turned into a close event; a person would click again.
-            if (result == ZRUI_E_TIMEOUT && way == WmDeleteWindow)
+            if (result == ZRUI_E_TIMEOUT && keys == QLatin1String("delete"))
                 sendDeleteWindow(window);
         } while (result == ZRUI_E_TIMEOUT && t.elapsed() < 15000);
     } else if (kind == ListWindow) {
         int32_t index = -7;
         result = zrui_list_wait(conn, 15000, 50, &index);
+        if (result == ZRUI_OK)
+            QCOMPARE(index, 2);
     } else if (closed && XDoTool::waitForNoWindow(title)) {
         result = zrui_waiting_finish(conn);
     }
@@ -367,7 +427,7 @@ void TestWindowLifecycle::testNoPinCopyOutlivesItsUse()
     QCOMPARE(zrui_pin_show(conn, 0), int(ZRUI_OK));
     const QString window = XDoTool::waitForWindow(PinTitle);
     QVERIFY(!window.isEmpty());
-    QVERIFY(xdotool({QStringLiteral("windowactivate"), QStringLiteral("--sync"), window}));
+    QVERIFY(XDoTool::run({"windowactivate", "--sync", window}));
     QVERIFY(XDoTool::type(QString::fromLatin1(Pin)) && XDoTool::key(QStringLiteral("Return")));
 
     // The result can be asked for again while the state allows it.

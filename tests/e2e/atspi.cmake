@@ -1,12 +1,15 @@
 # What a screen reader gets over the real AT-SPI bus: a private session bus
 # (dbus-run-session) on which D-Bus activation starts the accessibility bus,
-# in Xvfb.
+# in Xvfb. The accessibility bus puts its socket under XDG_RUNTIME_DIR
+# (~/.cache without one), named after the display number only: runs side by
+# side on other X servers of the same number would share, and tear down, each
+# other's bus. Each run gets a runtime directory of its own.
 zrui_add_test(NAME TestAtSpi
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestAtSpi.cpp
           ${CMAKE_CURRENT_SOURCE_DIR}/XDoTool.h ${CMAKE_CURRENT_SOURCE_DIR}/XDoTool.cpp
   LIBS zrui_testsupport zrui_client Qt5::Core
   LAUNCHER xvfb-run -a -s "-screen 0 1280x1024x24"
-           dbus-run-session --
+           sh -c "d=$(mktemp -d) && XDG_RUNTIME_DIR=$d dbus-run-session -- \"$@\"\nrc=$?\nrm -rf \"$d\"\nexit $rc" sh
   TIMEOUT 120
   LABELS e2e)
 add_dependencies(TestAtSpi ZRUIServer zrui_resources zrui_tokensim)

@@ -4,34 +4,8 @@
 # program's scale is the logical DPI / 96, set here through the X server's
 # -dpi).
 
-# Screenshots of every dialog in the three languages at both scales:
-# `cmake --build build --target locale-screenshots` writes them into
-# <build>/locale-screenshots/scale<s>/<language>/.
-add_executable(zrui-locale-screenshots EXCLUDE_FROM_ALL
-  ${CMAKE_CURRENT_SOURCE_DIR}/LocaleScreenshots.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/WindowTitles.h ${CMAKE_CURRENT_SOURCE_DIR}/WindowTitles.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/XDoTool.h ${CMAKE_CURRENT_SOURCE_DIR}/XDoTool.cpp)
-target_link_libraries(zrui-locale-screenshots PRIVATE zrui_testsupport zrui_client Qt5::Gui
-                      zrui_common)
-set(_zrui_shot_env
-  ZRUI_BIN_DIR=${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
-  ZRUI_TOKENSIM_DIR=${ZRUI_TOKENSIM_DIR}/
-  --unset=QT_QPA_PLATFORM --unset=QT_SCALE_FACTOR --unset=QT_AUTO_SCREEN_SCALE_FACTOR)
-add_custom_target(locale-screenshots
-  COMMAND ${CMAKE_COMMAND} -E rm -rf ${CMAKE_BINARY_DIR}/locale-screenshots
-  COMMAND ${CMAKE_COMMAND} -E env ${_zrui_shot_env}
-          xvfb-run -a -s "-screen 0 1600x1200x24 -dpi 96"
-          $<TARGET_FILE:zrui-locale-screenshots> ${CMAKE_BINARY_DIR}/locale-screenshots
-  COMMAND ${CMAKE_COMMAND} -E env ${_zrui_shot_env}
-          xvfb-run -a -s "-screen 0 1600x1200x24 -dpi 144"
-          $<TARGET_FILE:zrui-locale-screenshots> ${CMAKE_BINARY_DIR}/locale-screenshots
-  DEPENDS zrui-locale-screenshots ZRUIServer zrui_resources zrui_test_resources zrui_tokensim
-  COMMENT "Screenshots of every dialog in three languages at scale 1.0 and 1.5 under Xvfb"
-  VERBATIM USES_TERMINAL)
-
 zrui_add_test(NAME TestLocales
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestLocales.cpp
-          ${CMAKE_CURRENT_SOURCE_DIR}/WindowTitles.h ${CMAKE_CURRENT_SOURCE_DIR}/WindowTitles.cpp
           ${CMAKE_CURRENT_SOURCE_DIR}/XDoTool.h ${CMAKE_CURRENT_SOURCE_DIR}/XDoTool.cpp
   LIBS zrui_ui zrui_testsupport zrui_client Qt5::Widgets
   LAUNCHER xvfb-run -a -s "-screen 0 1600x1200x24 -dpi 96"

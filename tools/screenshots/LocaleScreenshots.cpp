@@ -1,8 +1,7 @@
 // Screenshots of every dialog of the real executable in English, Simplified
-// and Traditional Chinese (run by the `locale-screenshots` target at 96 and
-// 144 dpi). Without a window manager a grab has no title bar: each picture
-// gets a grey strip with the window's title as X reports it.
-#include "WindowTitles.h"
+// and Traditional Chinese (run by the `screenshots` target at 96 and 192
+// dpi). Without a window manager a grab has no title bar: each picture gets a
+// grey strip with the window's title as X reports it.
 #include "XDoTool.h"
 
 #include "ServerLauncher.h"
@@ -66,7 +65,7 @@ QImage settledGrab(WId window)
 
 bool shoot(const QString &title, const QString &name)
 {
-    const QString window = WindowTitles::waitFor(serverPid, title);
+    const QString window = XDoTool::waitForWindow(title, 15000, serverPid);
     if (window.isEmpty()) {
         fail(QStringLiteral("no window \"%1\" for %2").arg(title, name));
         return false;
@@ -141,8 +140,10 @@ void pinDialogs(const ServerLauncher &server, const QString &prefix, bool allTyp
         if (!shoot(title, name))
             continue;
         // The change dialogs hide the old row's button: the new row's is next.
-        XDoTool::focus(WindowTitles::waitFor(serverPid, title));
-        XDoTool::key(type == 2 || type == 3 ? QStringLiteral("Tab Tab space")
+        XDoTool::focus(XDoTool::waitForWindow(title, 15000, serverPid));
+        // Tab order: the PIN fields, then the keyboard button.
+        XDoTool::key(type == 2 || type == 3 ? QStringLiteral("Tab Tab Tab space")
+                     : type == 5            ? QStringLiteral("Tab Tab space")
                                             : QStringLiteral("Tab space"));
         shoot(title, name + QStringLiteral("-keyboard"));
     }
@@ -151,7 +152,7 @@ void pinDialogs(const ServerLauncher &server, const QString &prefix, bool allTyp
 // Type in the window's focused field and press keys; the window must exist.
 bool typeInto(const QString &title, const QString &text, const QString &keys)
 {
-    const QString window = WindowTitles::waitFor(serverPid, title);
+    const QString window = XDoTool::waitForWindow(title, 15000, serverPid);
     return !window.isEmpty() && XDoTool::focus(window) && (text.isEmpty() || XDoTool::type(text))
            && (keys.isEmpty() || XDoTool::key(keys));
 }
@@ -164,13 +165,15 @@ void pinHints(const ServerLauncher &server)
     if (!s.ok(zrui_pin_show(s.conn, 2), QStringLiteral("pin show 2 for hints")))
         return;
     const QString title = tr("PINDialog", "Change USBKey password");
-    // "Tab Tab" passes the new PIN's keyboard button to the confirm field;
+    // One Tab goes from field to field (the keyboard buttons come after them);
     // after a rejection the new PIN field has the focus again.
-    const char *const steps[][3]
-            = {{"abc123", "Tab", nullptr},      {"banana", "", "hint-weak-typing"},
-               {"", "Tab Tab", nullptr},        {"banana", "Return", "hint-too-weak"},
-               {"a1b2c3", "Tab Tab", nullptr},  {"a1b2c4", "Return", "hint-mismatch"},
-               {"Ab1", "Return", "hint-length"}};
+    const char *const steps[][3] = {{"abc123", "Tab", nullptr},
+                                    {"banana", "", "hint-weak-typing"},
+                                    {"", "Tab", nullptr},
+                                    {"banana", "Return", "hint-too-weak"},
+                                    {"a1b2c3", "Tab", nullptr},
+                                    {"a1b2c4", "Return", "hint-mismatch"},
+                                    {"Ab1", "Return", "hint-length"}};
     for (const auto &step : steps) {
         typeInto(title, QString::fromLatin1(step[0]), QString::fromLatin1(step[1]));
         if (step[2])
@@ -191,7 +194,7 @@ int answerBox(zrui_conn *conn, const std::function<int()> &request, const QStrin
         done = true;
     });
     shoot(title, name);
-    const QString box = WindowTitles::waitFor(serverPid, title);
+    const QString box = XDoTool::waitForWindow(title, 15000, serverPid);
     if (!box.isEmpty() && XDoTool::focus(box))
         XDoTool::key(keys);
     QElapsedTimer t;
@@ -254,7 +257,7 @@ void listDialog(const ServerLauncher &server)
         return;
     const QString title = tr("CertListDialog", "Form");
     shoot(title, QStringLiteral("list"));
-    XDoTool::focus(WindowTitles::waitFor(serverPid, title));
+    XDoTool::focus(XDoTool::waitForWindow(title, 15000, serverPid));
     XDoTool::key(QStringLiteral("Tab Tab space")); // Cancel
     int32_t index = 0;
     if (zrui_list_wait(s.conn, 15000, 50, &index) != ZRUI_E_CANCEL)
@@ -292,7 +295,7 @@ void waitingDialogs(const ServerLauncher &server)
         const QString title = tr("WaitingDialog", waitingTitles[type]);
         shoot(title, QStringLiteral("waiting%1%2").arg(type).arg(i < 12 ? "" : "-countdown"));
         zrui_waiting_finish(s.conn);
-        WindowTitles::waitForNone(serverPid, title);
+        XDoTool::waitForNoWindow(title, 15000, serverPid);
     }
 }
 
@@ -329,7 +332,7 @@ int main(int argc, char *argv[])
     }
     // The program's scale: logical DPI / 96, as the server computes it.
     const qreal dpi = QGuiApplication::primaryScreen()->logicalDotsPerInchX();
-    const QString scaleTag = QStringLiteral("scale%1").arg(dpi / 96.0, 0, 'f', 2);
+    const QString scaleTag = QStringLiteral("%1dpi").arg(qRound(dpi));
     std::printf("logical DPI %.1f: program scale %.2f\n", dpi, dpi / 96.0);
 
     const QString rcc = qEnvironmentVariable("ZRUI_BIN_DIR") + QStringLiteral("/resources.rcc");
