@@ -1,0 +1,503 @@
+// The signed-file chain: the INI reader, the signature check through the stand-in algorithm
+// library, what zrui-sign writes (checked against OpenSSL), and the shipped translations.
+#include "app/FileIntegrity.h"
+#include "app/IniReader.h"
+#include "app/StartupEnv.h"
+#include "app/TokenLibs.h"
+
+#include <QImageReader>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QResource>
+#include <QTemporaryDir>
+#include <QXmlStreamReader>
+#include <QtTest>
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+
+#include <sys/stat.h>
+
+namespace {
+
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool writeAll(const QString &path, const QByteArray &data)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(data) == data.size();
+}
+
+QByteArray iniWith(const QByteArray &key, const QByteArray &value, const QByteArray &eol = "\n")
+{
+    return "[Kestrova 5.1]" + eol + key + "=" + value + eol;
+}
+
+// RSA-SHA256 PKCS#1 v1.5 by OpenSSL, bytes reversed, upper-case hex: the signature text.
+QByteArray referenceText(const QString &keyPath, const QByteArray &data)
+{
+    const QByteArray pem = readAll(keyPath);
+    BIO *bio = BIO_new_mem_buf(pem.constData(), pem.size());
+    EVP_PKEY *key = PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr);
+    BIO_free(bio);
+    QByteArray sig(512, '\0');
+    size_t len = size_t(sig.size());
+    EVP_MD_CTX *md = EVP_MD_CTX_new();
+    EVP_PKEY_CTX *pctx = nullptr;
+    const bool ok = key && EVP_DigestSignInit(md, &pctx, EVP_sha256(), nullptr, key) == 1
+                    && EVP_PKEY_CTX_set_rsa_padding(pctx, RSA_PKCS1_PADDING) == 1
+                    && EVP_DigestSign(md, reinterpret_cast<unsigned char *>(sig.data()), &len,
+                                      reinterpret_cast<const unsigned char *>(data.constData()),
+                                      size_t(data.size()))
+                               == 1;
+    EVP_MD_CTX_free(md);
+    EVP_PKEY_free(key);
+    sig.truncate(ok ? int(len) : 0);
+    std::reverse(sig.begin(), sig.end());
+    return sig.toHex().toUpper();
+}
+
+// "context | source | translation [unfinished]" per message of a .ts file.
+QStringList tsMessages(const QString &path)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly))
+        return {"<cannot open " + path + ">"};
+    QStringList out;
+    QXmlStreamReader xml(&f);
+    QString context, source;
+    while (!xml.atEnd()) {
+        if (xml.readNext() != QXmlStreamReader::StartElement)
+            continue;
+        if (xml.name() == QLatin1String("name")) {
+            context = xml.readElementText();
+        } else if (xml.name() == QLatin1String("source")) {
+            source = xml.readElementText();
+        } else if (xml.name() == QLatin1String("translation")) {
+            const bool unfinished = xml.attributes().value("type") == QLatin1String("unfinished");
+            out << context + " | " + source + " | " + xml.readElementText()
+                            + (unfinished ? " [unfinished]" : "");
+        }
+    }
+    return out;
+}
+
+QStringList placeholders(const QString &text)
+{
+    QStringList found;
+    auto it = QRegularExpression("%\\d").globalMatch(text);
+    while (it.hasNext())
+        found << it.next().captured();
+    found.sort();
+    found.removeDuplicates();
+    return found;
+}
+
+QStringList captured;
+
+} // namespace
+
+class TestIntegrity : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void testIniLookup_data();
+    void testIniLookup();
+    void testStringToBin_data();
+    void testStringToBin();
+    void testReadFileContent();
+    void testVerify_data();
+    void testVerify();
+    void testSigningTool();
+    void testStandInVerifier();
+    void testTranslationFile_data();
+    void testTranslationFile();
+    void testTranslationSources();
+    void testTranslationsMatchProgramTexts();
+
+private:
+    int sign(const QStringList &args, QByteArray *err = nullptr);
+
+    QTemporaryDir tmp;
+    QString binDir, srcDir, key;
+    QByteArray rcc, signatureHex;
+};
+
+int TestIntegrity::sign(const QStringList &args, QByteArray *err)
+{
+    QProcess p;
+    p.start(qEnvironmentVariable("ZRUI_SIGN_TOOL"), args);
+    if (!p.waitForFinished(60000) || p.exitStatus() != QProcess::NormalExit)
+        return -1;
+    if (err)
+        *err = p.readAllStandardError();
+    return p.exitCode();
+}
+
+void TestIntegrity::initTestCase()
+{
+    QVERIFY(tmp.isValid());
+    binDir = qEnvironmentVariable("ZRUI_BIN_DIR");
+    srcDir = qEnvironmentVariable("ZRUI_RESOURCES_SOURCE_DIR");
+    QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
+    QCOMPARE(LoadLib_Alg(0, libDir.data()), 1);
+    rcc = readAll(binDir + "/resources.rcc");
+    QVERIFY(!rcc.isEmpty());
+    QVERIFY(QResource::registerResource(binDir + "/resources.rcc"));
+    const auto m = QRegularExpression("\nresources.rcc_Sign=(\\w+)\n")
+                           .match(QString::fromLatin1(readAll(binDir + "/integrityprotect.ini")));
+    signatureHex = m.captured(1).toLatin1();
+    QCOMPARE(signatureHex.size(), 512);
+    key = tmp.filePath("key.pem");
+    QCOMPARE(sign({"genkey", key}), 0);
+    struct stat st;
+    QCOMPARE(stat(QFile::encodeName(key).constData(), &st), 0);
+    QCOMPARE(st.st_mode & 0777, mode_t(0600));
+}
+
+// Kept on purpose: the signature files are written for exactly this reader's quirks.
+void TestIntegrity::testIniLookup_data()
+{
+    QTest::addColumn<QByteArray>("content"); // null: no file
+    QTest::addColumn<QByteArray>("expected"); // of section "S", key "k"
+    const QByteArray x1021(1021, 'x');
+    const struct
+    {
+        const char *name;
+        QByteArray content, expected;
+    } rows[] = {
+            {"CR LF line ends", "[S]\r\nk=AB12\r\n", "AB12"},
+            {"CR inside the value stays", "[S]\nk=A\rB\n", "A\rB"},
+            {"missing final line feed", "[S]\nk=AB12", ""},
+            {"first match wins, unterminated last", "[S]\nk=1\nk=2", "1"},
+            {"hash comment", "[S]\n#k=old\nk=new\n", "new"},
+            {"double slash comment", "[S]\n//k=old\nk=new\n", "new"},
+            {"single slash is no comment", "[S]\n/k=kept\n", "kept"},
+            {"key inside a longer name", "[S]\nmy_k_long=v1\n", "v1"},
+            {"key found inside the value", "[S]\nother=has k inside\n", "has k inside"},
+            {"line without equals skipped", "[S]\nk\nk=v\n", "v"},
+            {"nothing trimmed, first equals", "[S]\nk = a=b \n", " a=b "},
+            {"empty value", "[S]\nk=\nk=later\n", ""},
+            {"key case-sensitive", "[S]\nK=v\n", ""},
+            {"section case-sensitive", "[s]\nk=v\n", ""},
+            {"section never left", "[S]\na=1\n[T]\nk=from T\n", "from T"},
+            {"lines before the header", "k=early\n[S]\nk=late\n", "late"},
+            {"only before the header", "k=early\n[S]\n", ""},
+            {"header in column 1 only", " [S]\nk=v\n", ""},
+            {"header over its own length", "[S] trailing\nk=v\n", "v"},
+            {"longer header name", "[Sx]\nk=v\n", ""},
+            {"longest line that fits", "[S]\nk=" + x1021 + "\n", x1021},
+            {"longest line, CR LF", "[S]\r\nk=" + x1021.left(1020) + "\r\n", x1021.left(1020)},
+            {"one byte too long", "[S]\nk=" + x1021 + "x\nk=short\n", "short"},
+            {"over-long header", "[S]" + QByteArray(1100, ' ') + "\nk=v\n", ""},
+            {"empty file", "", ""},
+            {"no file", QByteArray(), ""},
+    };
+    for (const auto &r : rows)
+        QTest::newRow(r.name) << r.content << r.expected;
+}
+
+void TestIntegrity::testIniLookup()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QByteArray, expected);
+    QByteArray path = QFile::encodeName(tmp.filePath(QTest::currentDataTag()));
+    QVERIFY(content.isNull() || writeAll(path, content));
+    char section[] = "S", key[] = "k";
+    QCOMPARE(QByteArray(GetIniKeyString(section, key, path.data())), expected);
+    QCOMPARE(QByteArray(GetIniKeyString(nullptr, key, path.data())), QByteArray());
+}
+
+void TestIntegrity::testStringToBin_data()
+{
+    QTest::addColumn<QByteArray>("hex");
+    QTest::addColumn<int>("digits");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("upper") << QByteArray("00FF7A") << 6 << QByteArray::fromHex("00ff7a");
+    QTest::newRow("lower") << QByteArray("abcdef09") << 8 << QByteArray::fromHex("abcdef09");
+    QTest::newRow("fewer digits") << QByteArray("1234") << 2 << QByteArray::fromHex("12");
+    // Odd count: one more character converts; the terminator (0 - 55) gives nibble 9.
+    QTest::newRow("odd, terminator") << QByteArray("123") << 3 << QByteArray::fromHex("1239");
+    QTest::newRow("odd, next digit") << QByteArray("1234") << 3 << QByteArray::fromHex("1234");
+    // Not hex: code - 55, reduced to 8 bits (high) and 4 bits (low).
+    QTest::newRow("G Z") << QByteArray("GZ") << 2 << QByteArray::fromHex("03");
+    QTest::newRow("# -") << QByteArray("#-") << 2 << QByteArray::fromHex("c6");
+}
+
+void TestIntegrity::testStringToBin()
+{
+    QFETCH(QByteArray, hex);
+    QFETCH(int, digits);
+    QFETCH(QByteArray, expected);
+    QByteArray out(16, '\xEE'); // guard bytes: exactly (digits + 1) / 2 are written
+    auto *o = reinterpret_cast<unsigned char *>(out.data());
+    auto *in = reinterpret_cast<unsigned char *>(hex.data());
+    QCOMPARE(StringToBin(o, in, ulong(digits)), o);
+    QCOMPARE(out, expected + QByteArray(16 - expected.size(), '\xEE'));
+    QVERIFY(!StringToBin(nullptr, in, 2) && !StringToBin(o, nullptr, 2));
+}
+
+void TestIntegrity::testReadFileContent()
+{
+    QByteArray bytes;
+    for (int i = 0; i < 3000; ++i)
+        bytes.append(char(i * 7));
+    QByteArray path = QFile::encodeName(tmp.filePath("content.bin"));
+    QVERIFY(writeAll(path, bytes));
+    unsigned char *data = nullptr;
+    unsigned long size = 0;
+    QCOMPARE(ReadFileContent(path.data(), &data, &size), 1);
+    QCOMPARE(QByteArray(reinterpret_cast<char *>(data), int(size)), bytes);
+    free(data);
+    data = nullptr;
+    QByteArray missing = path + ".missing";
+    QCOMPARE(ReadFileContent(missing.data(), &data, &size), 0);
+    QVERIFY(data == nullptr);
+    QCOMPARE(ReadFileContent(path.data(), nullptr, &size), 0);
+    QCOMPARE(ReadFileContent(nullptr, &data, &size), 0);
+}
+
+void TestIntegrity::testVerify_data()
+{
+    QTest::addColumn<QByteArray>("name");
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QByteArray>("ini");
+    QTest::addColumn<int>("expected");
+    const QByteArray k("resources.rcc_Sign"), n("resources.rcc"), sig = signatureHex;
+    QTest::newRow("as built") << n << rcc << iniWith(k, sig) << 1;
+    QTest::newRow("lower-case hex") << n << rcc << iniWith(k, sig.toLower()) << 1;
+    QTest::newRow("CR LF") << n << rcc << iniWith(k, sig, "\r\n") << 1;
+    QTest::newRow("commented") << n << rcc << iniWith("#" + k, sig) << 0;
+    QTest::newRow("no final line feed") << n << rcc << iniWith(k, sig).trimmed() << 0;
+    QTest::newRow("other key") << n << rcc << iniWith("other.rcc_Sign", sig) << 0;
+    for (int at : {0, rcc.size() - 1}) {
+        QByteArray changed = rcc;
+        changed[at] = char(changed.at(at) ^ 0x01);
+        QTest::addRow("byte %d changed", at) << n << changed << iniWith(k, sig) << 0;
+    }
+    QByteArray digit = sig;
+    digit[100] = digit.at(100) == '0' ? '1' : '0';
+    QTest::newRow("signature digit changed") << n << rcc << iniWith(k, digit) << 0;
+    // The terminator fills a missing last digit as 9.
+    QTest::newRow("one digit short")
+            << n << rcc << iniWith(k, sig.left(511)) << int(sig.endsWith('9'));
+    QByteArray bytes = QByteArray::fromHex(sig);
+    std::reverse(bytes.begin(), bytes.end());
+    QTest::newRow("not reversed") << n << rcc << iniWith(k, bytes.toHex().toUpper()) << 0;
+    // A name starting "ZRUIServer" is looked up under the executable's key.
+    QTest::newRow("prefix, exe key")
+            << QByteArray("ZRUIServerX") << rcc << iniWith("ZRUIServer.exe_Sign", sig) << 1;
+    QTest::newRow("prefix, own key")
+            << QByteArray("ZRUIServerX") << rcc << iniWith("ZRUIServerX_Sign", sig) << 0;
+    QTest::newRow("other case, own key")
+            << QByteArray("zruiserver") << rcc << iniWith("zruiserver_Sign", sig) << 1;
+    QTest::newRow("short prefix") << QByteArray("ZRUIServe") << rcc
+                                  << iniWith("ZRUIServer.exe_Sign", sig) << 0;
+    QTest::newRow("name too long") << QByteArray(251, 'n') << rcc << iniWith(k, sig) << 0;
+}
+
+void TestIntegrity::testVerify()
+{
+    QFETCH(QByteArray, name);
+    QFETCH(QByteArray, content);
+    QFETCH(QByteArray, ini);
+    QFETCH(int, expected);
+    QTemporaryDir dir;
+    QVERIFY(writeAll(dir.filePath("integrityprotect.ini"), ini));
+    QVERIFY(writeAll(dir.filePath(QString::fromLatin1(name)), content));
+    QByteArray d = QFile::encodeName(dir.path() + "/");
+    QCOMPARE(FileIntegrityProtect(d.data(), name.data()), expected);
+    // The directory is used as given: without "/" the names are glued.
+    d.chop(1);
+    QCOMPARE(FileIntegrityProtect(d.data(), name.data()), 0);
+    char k[] = "k";
+    QVERIFY(!FileIntegrityProtect(d.data(), nullptr) && !FileVerifySignature(nullptr, k, k)
+            && !FileVerifySignature(d.data(), nullptr, k)
+            && !FileVerifySignature(d.data(), k, nullptr));
+}
+
+// The whole file byte for byte: "ZRUIServer..." under the executable's key, more files add
+// lines, re-signing replaces a line in place, other lines and sections are kept, LF endings.
+void TestIntegrity::testSigningTool()
+{
+    QByteArray err;
+    const QByteArray keyBefore = readAll(key);
+    QCOMPARE(sign({"genkey", key}, &err), 1);
+    QVERIFY2(err.contains("never overwritten"), err.constData());
+    QCOMPARE(readAll(key), keyBefore);
+
+    QTemporaryDir dir;
+    const QString ini = dir.filePath("integrityprotect.ini");
+    const QByteArray a("resource\0data\r\n\xff", 16), b = rcc, c = "changed";
+    QVERIFY(writeAll(dir.filePath("ZRUIServer-any"), a) && writeAll(dir.filePath("other.bin"), b));
+    QVERIFY(writeAll(ini, "[Kestrova 5.1]\r\nkept_Sign=00\r\n[Other]\r\nx=1\r\n"));
+    QCOMPARE(sign({"sign", key, dir.path(), "ZRUIServer-any"}), 0);
+    QCOMPARE(sign({"sign", key, dir.path() + "/", "other.bin"}), 0);
+    QVERIFY(writeAll(dir.filePath("ZRUIServer-any"), c));
+    QCOMPARE(sign({"sign", key, dir.path(), "ZRUIServer-any"}), 0);
+    const QByteArray expected
+            = "[Kestrova 5.1]\nkept_Sign=00\nZRUIServer.exe_Sign=" + referenceText(key, c)
+              + "\nother.bin_Sign=" + referenceText(key, b) + "\n[Other]\nx=1\n";
+    QCOMPARE(readAll(ini), expected);
+
+    // Refusals change nothing: exit 2 for usage, 1 for a failed command.
+    const QList<QPair<QStringList, int>> refused = {{{}, 2},
+                                                    {{"verify", "x"}, 2},
+                                                    {{"sign", key, dir.path(), "missing.rcc"}, 1},
+                                                    {{"sign", key, dir.path(), "a/b"}, 1},
+                                                    {{"pubhex", dir.filePath("other.bin")}, 1}};
+    for (const auto &r : refused) {
+        QCOMPARE(sign(r.first), r.second);
+        QCOMPARE(readAll(ini), expected);
+    }
+}
+
+// The stand-in verifier accepts only the call the program makes:
+// ZRA_RSA_Verify_ZRKey(blob, 263, 4, data, size, 1, reversed signature, 256).
+void TestIntegrity::testStandInVerifier()
+{
+    QProcess p;
+    p.start(qEnvironmentVariable("ZRUI_SIGN_TOOL"), {"pubhex", key});
+    QVERIFY(p.waitForFinished(60000));
+    const QByteArray blob0 = QByteArray::fromHex(p.readAllStandardOutput().trimmed());
+    QCOMPARE(blob0.size(), 263);
+    const QByteArray data0 = rcc, text = referenceText(key, data0);
+    const struct
+    {
+        int dataByte, sigByte, keyByte;
+        unsigned long hashAlg, flag;
+        bool reverse;
+        unsigned long expected;
+    } cases[] = {{-1, -1, -1, 4, 1, true, 1},  {0, -1, -1, 4, 1, true, 0},
+                 {-1, 0, -1, 4, 1, true, 0},   {-1, -1, 100, 4, 1, true, 0},
+                 {-1, -1, -1, 4, 1, false, 0}, {-1, -1, -1, 3, 1, true, 0},
+                 {-1, -1, -1, 4, 0, true, 0}};
+    for (const auto &c : cases) {
+        QByteArray sig = QByteArray::fromHex(text), data = data0, blob = blob0;
+        auto flip = [](QByteArray &b, int at) {
+            if (at >= 0)
+                b[at] = char(b.at(at) ^ 0x01);
+        };
+        flip(data, c.dataByte);
+        flip(blob, c.keyByte);
+        flip(sig, c.sigByte);
+        auto *s = reinterpret_cast<unsigned char *>(sig.data());
+        if (c.reverse)
+            ZRA_ReverseData(s, 256, s, 256);
+        const unsigned long rc = ZRA_RSA_Verify_ZRKey(
+                reinterpret_cast<unsigned char *>(blob.data()), 263, c.hashAlg,
+                reinterpret_cast<unsigned char *>(data.data()), ulong(data.size()), c.flag, s, 256);
+        QCOMPARE(rc, c.expected);
+    }
+}
+
+void TestIntegrity::testTranslationFile_data()
+{
+    QTest::addColumn<QString>("locale");
+    QTest::addColumn<QString>("tag");
+    QTest::addColumn<QString>("fileTag");
+    // Only en, zh_CN and zh_TW have a file; any other tag falls back to en.
+    const char *const rows[][3] = {{"zh_CN", "zh_CN", "zh_CN"}, {"zh_HK", "zh_TW", "zh_TW"},
+                                   {"zh_SG", "zh_TW", "zh_TW"}, {"zh", "zh_TW", "zh_TW"},
+                                   {"xx_zh", "zh_TW", "zh_TW"}, {"zh_cn", "zh_TW", "zh_TW"},
+                                   {"ZH_CN", "ZH", "en"},       {"fr_FR", "fr", "en"},
+                                   {"en_US", "en", "en"},       {"C", "C", "en"},
+                                   {"_US", "", "en"},           {"en__US", "en", "en"}};
+    for (const auto &r : rows)
+        QTest::newRow(r[0]) << QString(r[0]) << QString(r[1]) << QString(r[2]);
+}
+
+void TestIntegrity::testTranslationFile()
+{
+    QFETCH(QString, locale);
+    QFETCH(QString, tag);
+    QFETCH(QString, fileTag);
+    QCOMPARE(translationTagForLocale(locale), tag);
+    captured.clear();
+    QtMessageHandler previous = qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext &, const QString &m) { captured << m; });
+    const QString chosen = chooseTranslationFile(locale);
+    qInstallMessageHandler(previous);
+    QCOMPARE(chosen, ":/uiserver." + fileTag + ".qm");
+    QVERIFY(QFile::exists(chosen));
+    QCOMPARE(captured, QStringList({"trans file= \":/uiserver." + tag + ".qm\"",
+                                    "trans file= \"" + chosen + "\""}));
+}
+
+// Every message finished in all three languages, no placeholder lost or invented (the PIN
+// bounds need %1 and %2), each Chinese file in its own script, and the waiting animation
+// loops for ever.
+void TestIntegrity::testTranslationSources()
+{
+    const QString simplified = QString::fromUtf8(
+            "两为会传储内写号员复对将尝态户择数旧显满盖盘码确种称签组续联认许设证试误请软输还进连"
+            "选钥锁错键长间须验状资萤预变产");
+    const QString traditional = QString::fromUtf8(
+            "兩為會傳儲內寫號員複復對將嘗態戶擇數舊顯滿蓋盤碼確種稱簽組續聯認許設證試誤請軟輸還進"
+            "連選鑰鎖錯鍵長間須驗狀資螢預變產");
+    QMap<QString, QStringList> keys;
+    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+        const QString own = lang == "zh_CN" ? simplified : traditional;
+        const QString foreign = lang == "zh_CN" ? traditional : simplified;
+        int ownCount = 0;
+        for (const QString &m : tsMessages(srcDir + "/translations/uiserver." + lang + ".ts")) {
+            const QString source = m.section(" | ", 1, 1), translation = m.section(" | ", 2);
+            QVERIFY2(!translation.isEmpty() && !translation.endsWith(" [unfinished]"),
+                     qPrintable(lang + ": " + m));
+            const bool bounds = source == "IDC_CUSTOM_PIN_ANNOTATION"
+                                || source == "comment_passwdinfo_verify";
+            QCOMPARE(placeholders(translation),
+                     bounds ? QStringList({"%1", "%2"}) : placeholders(source));
+            keys[lang] << m.section(" | ", 0, 1);
+            for (const QChar c : translation) {
+                QVERIFY2(lang == "en" || !foreign.contains(c), qPrintable(lang + ": " + m));
+                ownCount += own.contains(c);
+            }
+        }
+        QVERIFY2(lang == "en" || ownCount >= 100, qPrintable(lang));
+    }
+    QVERIFY(keys.value("en").size() >= 12);
+    QCOMPARE(keys.value("zh_CN"), keys.value("en"));
+    QCOMPARE(keys.value("zh_TW"), keys.value("en"));
+    QVERIFY(!QImageReader(":/images/logo.ico").read().isNull());
+    QImageReader gif(qEnvironmentVariable("ZRUI_TOKENSIM_DIR") + "wait.gif");
+    QVERIFY(gif.imageCount() > 1);
+    QCOMPARE(gif.loopCount(), -1);
+}
+
+// lupdate over the program's sources (on copies) finds exactly the translated texts.
+void TestIntegrity::testTranslationsMatchProgramTexts()
+{
+    QStringList args = {"app", "service", "ui", "keyboard", "resources", "-ts"};
+    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+        const QString name = "uiserver." + lang + ".ts";
+        QFile::remove(tmp.filePath(name));
+        QVERIFY(QFile::copy(srcDir + "/translations/" + name, tmp.filePath(name)));
+        args << tmp.filePath(name);
+    }
+    QProcess p;
+    p.setWorkingDirectory(srcDir + "/..");
+    p.start(qEnvironmentVariable("ZRUI_LUPDATE"), args << "-no-obsolete"
+                                                       << "-locations"
+                                                       << "none"
+                                                       << "-no-ui-lines");
+    QVERIFY(p.waitForFinished(60000));
+    QCOMPARE(p.exitCode(), 0);
+    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+        const QString name = "uiserver." + lang + ".ts";
+        QStringList found = tsMessages(tmp.filePath(name)),
+                    kept = tsMessages(srcDir + "/translations/" + name);
+        found.sort();
+        kept.sort();
+        QCOMPARE(found, kept);
+    }
+}
+
+QTEST_MAIN(TestIntegrity)
+#include "TestIntegrity.moc"

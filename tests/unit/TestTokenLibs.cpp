@@ -1,0 +1,162 @@
+// The three loaders against the stand-in token stack, and what the stand-ins export.
+#include "app/TokenLibs.h"
+
+#include <QProcess>
+#include <QtTest>
+
+#include <dlfcn.h>
+
+// Bound but never called: declared with the generic type the loaders give them, so the test
+// can see how far binding got.
+extern PFN_ZR_Unused ZRA_GetAsymKeyBits;
+extern PFN_ZR_Unused ZRA_DecodeX509Cert;
+extern PFN_ZR_Unused ZRK_SetPINCache;
+extern PFN_ZR_Unused AuxExpMatch;
+
+namespace {
+
+#define ZRUI_TEST_NAME(name) QStringLiteral(#name " T"),
+const QStringList zrkapiNames = {ZRUI_ZRKAPI_ENTRY_POINTS(ZRUI_TEST_NAME)};
+const QStringList zralgNames = {ZRUI_ZRALG_ENTRY_POINTS(ZRUI_TEST_NAME)};
+const QStringList auxNames = {ZRUI_AUX_ENTRY_POINTS(ZRUI_TEST_NAME)};
+#undef ZRUI_TEST_NAME
+
+bool isMapped(const QByteArray &path)
+{
+    void *h = dlopen(path.constData(), RTLD_LAZY | RTLD_NOLOAD);
+    return h && dlclose(h) == 0;
+}
+
+} // namespace
+
+class TestTokenLibs : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void testVariantMissingLastAlgEntryPoint();
+    void testPathRules_data();
+    void testPathRules();
+    void testLoadAndUnload();
+    void testExports_data();
+    void testExports();
+
+private:
+    QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
+    QByteArray variantDir
+            = QFile::encodeName(QFileInfo(qEnvironmentVariable("ZRUI_BIN_DIR")).absolutePath()
+                                + "/tokenlib-variants/no-last-alg/");
+};
+
+void TestTokenLibs::initTestCase()
+{
+    QVERIFY2(libDir.endsWith('/'), "ZRUI_TOKENSIM_DIR must end with /");
+    QVERIFY2(QFile::exists(variantDir + "libzralg.so"), variantDir);
+}
+
+void TestTokenLibs::testVariantMissingLastAlgEntryPoint()
+{
+    // Runs first: no algorithm library bound yet in this process.
+    QVERIFY(ZRA_DecodeX509Cert == nullptr);
+    QCOMPARE(LoadLib_Alg(0, variantDir.data()), 0);
+    // Binding stopped at the last name; everything before it stays bound, the library open.
+    QVERIFY(ZRA_ReverseData && ZRA_GetAsymKeyBits && !ZRA_DecodeX509Cert);
+    QVERIFY(isMapped(variantDir + "libzralg.so"));
+    FreeLib_Alg();
+    QVERIFY(!isMapped(variantDir + "libzralg.so"));
+    // The device and auxiliary copies beside it are complete.
+    QCOMPARE(LoadLib_ZRKAPI(0, variantDir.data()), 1);
+    QCOMPARE(LoadLib_Aux(0, variantDir.data()), 1);
+    QCOMPARE(FreeLib_ZRKAPI(), 0);
+    FreeLib_Aux();
+}
+
+void TestTokenLibs::testPathRules_data()
+{
+    QTest::addColumn<QByteArray>("dir");
+    QTest::addColumn<int>("expected");
+    QTest::newRow("with slash") << libDir << 1;
+    QTest::newRow("without slash") << libDir.left(libDir.size() - 1) << 0;
+    QTest::newRow("missing directory") << QByteArray("/nonexistent-zrui-dir/") << 0;
+    // 256-byte path buffer: a path that does not fit is refused, not cut.
+    QTest::newRow("too long") << QByteArray(libDir + QByteArray(300, '/')) << 0;
+}
+
+void TestTokenLibs::testPathRules()
+{
+    QFETCH(QByteArray, dir);
+    QFETCH(int, expected);
+    QByteArray d1 = dir, d2 = dir, d3 = dir;
+    QCOMPARE(LoadLib_ZRKAPI(0, d1.data()), expected);
+    QCOMPARE(LoadLib_Alg(0, d2.data()), expected);
+    QCOMPARE(LoadLib_Aux(0, d3.data()), expected);
+    FreeLib_ZRKAPI();
+    FreeLib_Alg();
+    FreeLib_Aux();
+}
+
+void TestTokenLibs::testLoadAndUnload()
+{
+    QCOMPARE(LoadLib_ZRKAPI(0, libDir.data()), 1);
+    QCOMPARE(LoadLib_Alg(0, libDir.data()), 1);
+    QCOMPARE(LoadLib_Aux(0, libDir.data()), 1);
+    // First and last of every list are bound, and the typed pointers reach the right functions.
+    QVERIFY(ZRK_EstablishContext && ZRK_SetPINCache && ZRA_ReverseData && ZRA_DecodeX509Cert);
+    QVERIFY(AuxLoadKestrovaIni && AuxExpMatch);
+    uint64_t ctx = 0;
+    QCOMPARE(ZRK_EstablishContext(&ctx), 0ul);
+    QVERIFY(ctx != 0);
+    QCOMPARE(ZRK_ReleaseContext(ctx), 0ul);
+    unsigned char data[5] = {1, 2, 3, 4, 5};
+    ZRA_ReverseData(data, 5, data, 5);
+    QCOMPARE(QByteArray(reinterpret_cast<char *>(data), 5), QByteArray::fromHex("0504030201"));
+    // The shared record holds the PIN bounds at the offsets the program reads.
+    const char *record = static_cast<char *>(AuxLoadKestrovaIni(0));
+    QVERIFY(record && record == AuxLoadKestrovaIni(0));
+    QCOMPARE(*reinterpret_cast<const int *>(record + ZRCONFIG_PIN_MIN_OFFSET), 6);
+    QCOMPARE(*reinterpret_cast<const int *>(record + ZRCONFIG_PIN_MAX_OFFSET), 16);
+
+    QVERIFY(isMapped(libDir + "libaux.so") && isMapped(libDir + "libzrkapi.so"));
+    FreeLib_Aux();
+    QVERIFY(!isMapped(libDir + "libaux.so"));
+    FreeLib_Aux(); // harmless twice
+    QCOMPARE(FreeLib_ZRKAPI(), 0);
+    QVERIFY(!isMapped(libDir + "libzrkapi.so"));
+    QCOMPARE(FreeLib_ZRKAPI(), 0);
+    FreeLib_Alg();
+}
+
+// Exactly the entry points the program binds, as global functions (nm's "T"); the variant's
+// algorithm library lacks its last one.
+void TestTokenLibs::testExports_data()
+{
+    QTest::addColumn<QByteArray>("path");
+    QTest::addColumn<QStringList>("expected");
+    QStringList shortAlg = zralgNames;
+    shortAlg.removeAll("ZRA_DecodeX509Cert T");
+    for (const QByteArray &dir : {libDir, variantDir}) {
+        QTest::newRow((dir + "libzrkapi.so").constData()) << dir + "libzrkapi.so" << zrkapiNames;
+        QTest::newRow((dir + "libzralg.so").constData())
+                << dir + "libzralg.so" << (dir == libDir ? zralgNames : shortAlg);
+        QTest::newRow((dir + "libaux.so").constData()) << dir + "libaux.so" << auxNames;
+    }
+}
+
+void TestTokenLibs::testExports()
+{
+    QFETCH(QByteArray, path);
+    QFETCH(QStringList, expected);
+    QProcess nm;
+    nm.start("nm", {"-D", "--defined-only", "--format=posix", QFile::decodeName(path)});
+    QVERIFY(nm.waitForFinished(30000) && nm.exitCode() == 0);
+    QStringList symbols;
+    for (const QString &line : QString::fromLatin1(nm.readAllStandardOutput()).split('\n'))
+        if (!line.isEmpty())
+            symbols << line.section(' ', 0, 1);
+    symbols.sort();
+    expected.sort();
+    QCOMPARE(symbols, expected);
+}
+
+QTEST_GUILESS_MAIN(TestTokenLibs)
+#include "TestTokenLibs.moc"
