@@ -111,15 +111,12 @@ private slots:
     void testIniLookup();
     void testStringToBin_data();
     void testStringToBin();
-    void testReadFileContent();
     void testVerify_data();
     void testVerify();
+    void testPathLimit();
     void testSigningTool();
-    void testStandInVerifier();
-    void testTranslationFile_data();
     void testTranslationFile();
-    void testTranslationSources();
-    void testTranslationsMatchProgramTexts();
+    void testTranslations();
 
 private:
     int sign(const QStringList &args, QByteArray *err = nullptr);
@@ -172,7 +169,6 @@ void TestIntegrity::testIniLookup_data()
         const char *name;
         QByteArray content, expected;
     } rows[] = {
-            {"CR LF line ends", "[S]\r\nk=AB12\r\n", "AB12"},
             {"CR inside the value stays", "[S]\nk=A\rB\n", "A\rB"},
             {"missing final line feed", "[S]\nk=AB12", ""},
             {"first match wins, unterminated last", "[S]\nk=1\nk=2", "1"},
@@ -184,19 +180,15 @@ void TestIntegrity::testIniLookup_data()
             {"line without equals skipped", "[S]\nk\nk=v\n", "v"},
             {"nothing trimmed, first equals", "[S]\nk = a=b \n", " a=b "},
             {"empty value", "[S]\nk=\nk=later\n", ""},
-            {"key case-sensitive", "[S]\nK=v\n", ""},
-            {"section case-sensitive", "[s]\nk=v\n", ""},
             {"section never left", "[S]\na=1\n[T]\nk=from T\n", "from T"},
             {"lines before the header", "k=early\n[S]\nk=late\n", "late"},
-            {"only before the header", "k=early\n[S]\n", ""},
             {"header in column 1 only", " [S]\nk=v\n", ""},
             {"header over its own length", "[S] trailing\nk=v\n", "v"},
             {"longer header name", "[Sx]\nk=v\n", ""},
             {"longest line that fits", "[S]\nk=" + x1021 + "\n", x1021},
             {"longest line, CR LF", "[S]\r\nk=" + x1021.left(1020) + "\r\n", x1021.left(1020)},
             {"one byte too long", "[S]\nk=" + x1021 + "x\nk=short\n", "short"},
-            {"over-long header", "[S]" + QByteArray(1100, ' ') + "\nk=v\n", ""},
-            {"empty file", "", ""},
+            {"null section never matches", "[(null)]\nk=v\n", ""},
             {"no file", QByteArray(), ""},
     };
     for (const auto &r : rows)
@@ -243,26 +235,6 @@ void TestIntegrity::testStringToBin()
     QVERIFY(!StringToBin(nullptr, in, 2) && !StringToBin(o, nullptr, 2));
 }
 
-void TestIntegrity::testReadFileContent()
-{
-    QByteArray bytes;
-    for (int i = 0; i < 3000; ++i)
-        bytes.append(char(i * 7));
-    QByteArray path = QFile::encodeName(tmp.filePath("content.bin"));
-    QVERIFY(writeAll(path, bytes));
-    unsigned char *data = nullptr;
-    unsigned long size = 0;
-    QCOMPARE(ReadFileContent(path.data(), &data, &size), 1);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(data), int(size)), bytes);
-    free(data);
-    data = nullptr;
-    QByteArray missing = path + ".missing";
-    QCOMPARE(ReadFileContent(missing.data(), &data, &size), 0);
-    QVERIFY(data == nullptr);
-    QCOMPARE(ReadFileContent(path.data(), nullptr, &size), 0);
-    QCOMPARE(ReadFileContent(nullptr, &data, &size), 0);
-}
-
 void TestIntegrity::testVerify_data()
 {
     QTest::addColumn<QByteArray>("name");
@@ -276,6 +248,8 @@ void TestIntegrity::testVerify_data()
     QTest::newRow("commented") << n << rcc << iniWith("#" + k, sig) << 0;
     QTest::newRow("no final line feed") << n << rcc << iniWith(k, sig).trimmed() << 0;
     QTest::newRow("other key") << n << rcc << iniWith("other.rcc_Sign", sig) << 0;
+    QTest::newRow("no such file") << QByteArray("missing") << QByteArray()
+                                  << iniWith("missing_Sign", sig) << 0;
     for (int at : {0, rcc.size() - 1}) {
         QByteArray changed = rcc;
         changed[at] = char(changed.at(at) ^ 0x01);
@@ -310,7 +284,7 @@ void TestIntegrity::testVerify()
     QFETCH(int, expected);
     QTemporaryDir dir;
     QVERIFY(writeAll(dir.filePath("integrityprotect.ini"), ini));
-    QVERIFY(writeAll(dir.filePath(QString::fromLatin1(name)), content));
+    QVERIFY(content.isNull() || writeAll(dir.filePath(QString::fromLatin1(name)), content));
     QByteArray d = QFile::encodeName(dir.path() + "/");
     QCOMPARE(FileIntegrityProtect(d.data(), name.data()), expected);
     // The directory is used as given: without "/" the names are glued.
@@ -320,6 +294,23 @@ void TestIntegrity::testVerify()
     QVERIFY(!FileIntegrityProtect(d.data(), nullptr) && !FileVerifySignature(nullptr, k, k)
             && !FileVerifySignature(d.data(), nullptr, k)
             && !FileVerifySignature(d.data(), k, nullptr));
+    QByteArray f = QFile::encodeName(dir.filePath("integrityprotect.ini"));
+    unsigned char *data = nullptr;
+    unsigned long size = 0;
+    QVERIFY(!ReadFileContent(nullptr, &data, &size) && !ReadFileContent(f.data(), nullptr, &size));
+}
+
+// A path that does not fit the 256-byte buffer is refused, never cut to a file that exists.
+void TestIntegrity::testPathLimit()
+{
+    QByteArray d = QFile::encodeName(tmp.path() + "/");
+    for (int len : {255, 256}) {
+        QByteArray name(len - d.size(), 'n');
+        QVERIFY(writeAll(tmp.filePath(name.chopped(1)), rcc) && writeAll(tmp.filePath(name), rcc));
+        QVERIFY(writeAll(tmp.filePath("integrityprotect.ini"),
+                         iniWith(name + "_Sign", signatureHex)));
+        QCOMPARE(FileIntegrityProtect(d.data(), name.data()), int(len == 255));
+    }
 }
 
 // The whole file byte for byte: "ZRUIServer..." under the executable's key, more files add
@@ -358,83 +349,52 @@ void TestIntegrity::testSigningTool()
     }
 }
 
-// The stand-in verifier accepts only the call the program makes:
-// ZRA_RSA_Verify_ZRKey(blob, 263, 4, data, size, 1, reversed signature, 256).
-void TestIntegrity::testStandInVerifier()
+// Only en, zh_CN and zh_TW have a file; any other tag falls back to en. Both choices logged.
+void TestIntegrity::testTranslationFile()
 {
-    QProcess p;
-    p.start(qEnvironmentVariable("ZRUI_SIGN_TOOL"), {"pubhex", key});
-    QVERIFY(p.waitForFinished(60000));
-    const QByteArray blob0 = QByteArray::fromHex(p.readAllStandardOutput().trimmed());
-    QCOMPARE(blob0.size(), 263);
-    const QByteArray data0 = rcc, text = referenceText(key, data0);
-    const struct
-    {
-        int dataByte, sigByte, keyByte;
-        unsigned long hashAlg, flag;
-        bool reverse;
-        unsigned long expected;
-    } cases[] = {{-1, -1, -1, 4, 1, true, 1},  {0, -1, -1, 4, 1, true, 0},
-                 {-1, 0, -1, 4, 1, true, 0},   {-1, -1, 100, 4, 1, true, 0},
-                 {-1, -1, -1, 4, 1, false, 0}, {-1, -1, -1, 3, 1, true, 0},
-                 {-1, -1, -1, 4, 0, true, 0}};
-    for (const auto &c : cases) {
-        QByteArray sig = QByteArray::fromHex(text), data = data0, blob = blob0;
-        auto flip = [](QByteArray &b, int at) {
-            if (at >= 0)
-                b[at] = char(b.at(at) ^ 0x01);
-        };
-        flip(data, c.dataByte);
-        flip(blob, c.keyByte);
-        flip(sig, c.sigByte);
-        auto *s = reinterpret_cast<unsigned char *>(sig.data());
-        if (c.reverse)
-            ZRA_ReverseData(s, 256, s, 256);
-        const unsigned long rc = ZRA_RSA_Verify_ZRKey(
-                reinterpret_cast<unsigned char *>(blob.data()), 263, c.hashAlg,
-                reinterpret_cast<unsigned char *>(data.data()), ulong(data.size()), c.flag, s, 256);
-        QCOMPARE(rc, c.expected);
-    }
-}
-
-void TestIntegrity::testTranslationFile_data()
-{
-    QTest::addColumn<QString>("locale");
-    QTest::addColumn<QString>("tag");
-    QTest::addColumn<QString>("fileTag");
-    // Only en, zh_CN and zh_TW have a file; any other tag falls back to en.
     const char *const rows[][3] = {{"zh_CN", "zh_CN", "zh_CN"}, {"zh_HK", "zh_TW", "zh_TW"},
                                    {"zh_SG", "zh_TW", "zh_TW"}, {"zh", "zh_TW", "zh_TW"},
                                    {"xx_zh", "zh_TW", "zh_TW"}, {"zh_cn", "zh_TW", "zh_TW"},
                                    {"ZH_CN", "ZH", "en"},       {"fr_FR", "fr", "en"},
                                    {"en_US", "en", "en"},       {"C", "C", "en"},
                                    {"_US", "", "en"},           {"en__US", "en", "en"}};
-    for (const auto &r : rows)
-        QTest::newRow(r[0]) << QString(r[0]) << QString(r[1]) << QString(r[2]);
+    for (const auto &r : rows) {
+        QCOMPARE(translationTagForLocale(r[0]), QString(r[1]));
+        captured.clear();
+        QtMessageHandler previous = qInstallMessageHandler(
+                [](QtMsgType, const QMessageLogContext &, const QString &m) { captured << m; });
+        const QString chosen = chooseTranslationFile(r[0]);
+        qInstallMessageHandler(previous);
+        QCOMPARE(chosen, QStringLiteral(":/uiserver.%1.qm").arg(r[2]));
+        QVERIFY(QFile::exists(chosen));
+        QCOMPARE(captured,
+                 QStringList({QStringLiteral("trans file= \":/uiserver.%1.qm\"").arg(r[1]),
+                              "trans file= \"" + chosen + "\""}));
+    }
 }
 
-void TestIntegrity::testTranslationFile()
+// lupdate over the program's sources (on copies) finds exactly the translated texts; every
+// message is finished in all three languages with no placeholder lost or invented (the PIN
+// bounds need %1 and %2), each Chinese file in its own script. The animation loops for ever.
+void TestIntegrity::testTranslations()
 {
-    QFETCH(QString, locale);
-    QFETCH(QString, tag);
-    QFETCH(QString, fileTag);
-    QCOMPARE(translationTagForLocale(locale), tag);
-    captured.clear();
-    QtMessageHandler previous = qInstallMessageHandler(
-            [](QtMsgType, const QMessageLogContext &, const QString &m) { captured << m; });
-    const QString chosen = chooseTranslationFile(locale);
-    qInstallMessageHandler(previous);
-    QCOMPARE(chosen, ":/uiserver." + fileTag + ".qm");
-    QVERIFY(QFile::exists(chosen));
-    QCOMPARE(captured, QStringList({"trans file= \":/uiserver." + tag + ".qm\"",
-                                    "trans file= \"" + chosen + "\""}));
-}
+    const QStringList langs = {"en", "zh_CN", "zh_TW"};
+    QStringList args = {"app", "service", "ui", "keyboard", "resources", "-ts"};
+    for (const QString &lang : langs) {
+        const QString name = "uiserver." + lang + ".ts";
+        QFile::remove(tmp.filePath(name));
+        QVERIFY(QFile::copy(srcDir + "/translations/" + name, tmp.filePath(name)));
+        args << tmp.filePath(name);
+    }
+    QProcess p;
+    p.setWorkingDirectory(srcDir + "/..");
+    p.start(qEnvironmentVariable("ZRUI_LUPDATE"), args << "-no-obsolete"
+                                                       << "-locations"
+                                                       << "none"
+                                                       << "-no-ui-lines");
+    QVERIFY(p.waitForFinished(60000));
+    QCOMPARE(p.exitCode(), 0);
 
-// Every message finished in all three languages, no placeholder lost or invented (the PIN
-// bounds need %1 and %2), each Chinese file in its own script, and the waiting animation
-// loops for ever.
-void TestIntegrity::testTranslationSources()
-{
     const QString simplified = QString::fromUtf8(
             "两为会传储内写号员复对将尝态户择数旧显满盖盘码确种称签组续联认许设证试误请软输还进连"
             "选钥锁错键长间须验状资萤预变产");
@@ -442,11 +402,13 @@ void TestIntegrity::testTranslationSources()
             "兩為會傳儲內寫號員複復對將嘗態戶擇數舊顯滿蓋盤碼確種稱簽組續聯認許設證試誤請軟輸還進"
             "連選鑰鎖錯鍵長間須驗狀資螢預變產");
     QMap<QString, QStringList> keys;
-    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
+    for (const QString &lang : langs) {
+        QStringList found = tsMessages(tmp.filePath("uiserver." + lang + ".ts"));
+        QStringList kept = tsMessages(srcDir + "/translations/uiserver." + lang + ".ts");
         const QString own = lang == "zh_CN" ? simplified : traditional;
         const QString foreign = lang == "zh_CN" ? traditional : simplified;
         int ownCount = 0;
-        for (const QString &m : tsMessages(srcDir + "/translations/uiserver." + lang + ".ts")) {
+        for (const QString &m : kept) {
             const QString source = m.section(" | ", 1, 1), translation = m.section(" | ", 2);
             QVERIFY2(!translation.isEmpty() && !translation.endsWith(" [unfinished]"),
                      qPrintable(lang + ": " + m));
@@ -461,6 +423,9 @@ void TestIntegrity::testTranslationSources()
             }
         }
         QVERIFY2(lang == "en" || ownCount >= 100, qPrintable(lang));
+        found.sort();
+        kept.sort();
+        QCOMPARE(found, kept);
     }
     QVERIFY(keys.value("en").size() >= 12);
     QCOMPARE(keys.value("zh_CN"), keys.value("en"));
@@ -469,34 +434,6 @@ void TestIntegrity::testTranslationSources()
     QImageReader gif(qEnvironmentVariable("ZRUI_TOKENSIM_DIR") + "wait.gif");
     QVERIFY(gif.imageCount() > 1);
     QCOMPARE(gif.loopCount(), -1);
-}
-
-// lupdate over the program's sources (on copies) finds exactly the translated texts.
-void TestIntegrity::testTranslationsMatchProgramTexts()
-{
-    QStringList args = {"app", "service", "ui", "keyboard", "resources", "-ts"};
-    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
-        const QString name = "uiserver." + lang + ".ts";
-        QFile::remove(tmp.filePath(name));
-        QVERIFY(QFile::copy(srcDir + "/translations/" + name, tmp.filePath(name)));
-        args << tmp.filePath(name);
-    }
-    QProcess p;
-    p.setWorkingDirectory(srcDir + "/..");
-    p.start(qEnvironmentVariable("ZRUI_LUPDATE"), args << "-no-obsolete"
-                                                       << "-locations"
-                                                       << "none"
-                                                       << "-no-ui-lines");
-    QVERIFY(p.waitForFinished(60000));
-    QCOMPARE(p.exitCode(), 0);
-    for (const QString lang : {"en", "zh_CN", "zh_TW"}) {
-        const QString name = "uiserver." + lang + ".ts";
-        QStringList found = tsMessages(tmp.filePath(name)),
-                    kept = tsMessages(srcDir + "/translations/" + name);
-        found.sort();
-        kept.sort();
-        QCOMPARE(found, kept);
-    }
 }
 
 QTEST_MAIN(TestIntegrity)

@@ -3,7 +3,6 @@
 
 #include <QDateTime>
 #include <QRegularExpression>
-#include <QSet>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -20,7 +19,6 @@ private slots:
     void initTestCase();
     void init() { QVERIFY(LogFile::clear()); }
     void cleanupTestCase() { LogFile::clear(); }
-    void testLineFormat_data();
     void testLineFormat();
     void testAppendsRecreatesAndMode();
     void testTwoThreadsWholeLines();
@@ -52,33 +50,29 @@ void TestLogSink::initTestCase()
         QSKIP("/tmp/uilog.txt exists and cannot be removed (another user's file)");
 }
 
-void TestLogSink::testLineFormat_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QString>("message");
-    QTest::newRow("debug, quotes kept") << int(QtDebugMsg) << R"(trans file= ":/uiserver.en.qm")";
-    QTest::newRow("warning") << int(QtWarningMsg) << "Integrity Protect Failed!";
-    QTest::newRow("fatal, blanks kept") << int(QtFatalMsg) << "  two blanks ";
-    QTest::newRow("empty") << int(QtDebugMsg) << "";
-    QTest::newRow("UTF-8") << int(QtDebugMsg) << QStringLiteral("请输入PIN码 ü €");
-}
-
+// One line per message: a local-time stamp with milliseconds, the text unchanged, whatever
+// the message type.
 void TestLogSink::testLineFormat()
 {
-    QFETCH(int, type);
-    QFETCH(QString, message);
-    // Millisecond local-time stamp, between the clock readings around the call.
-    const QDateTime before = QDateTime::currentDateTime().addMSecs(-1);
-    log(message, QtMsgType(type));
-    const QDateTime after = QDateTime::currentDateTime().addMSecs(1);
-    const QByteArray bytes = fileBytes();
-    QCOMPARE(bytes.count('\n'), 1);
-    QVERIFY(bytes.endsWith("] " + message.toUtf8() + "\n"));
-    const QRegularExpressionMatch match = linePattern.match(QString::fromUtf8(bytes.chopped(1)));
-    QVERIFY2(match.hasMatch(), bytes.constData());
-    QCOMPARE(match.captured(2), message);
-    const QDateTime stamp = QDateTime::fromString(match.captured(1), "yyyy-MM-dd HH:mm:ss zzz");
-    QVERIFY2(stamp >= before && stamp <= after, qPrintable(match.captured(1)));
+    const QList<QPair<QtMsgType, QString>> cases
+            = {{QtDebugMsg, R"(trans file= ":/uiserver.en.qm")"},
+               {QtWarningMsg, "Integrity Protect Failed!"},
+               {QtFatalMsg, "  two blanks "},
+               {QtDebugMsg, ""},
+               {QtDebugMsg, QStringLiteral("请输入PIN码 ü €")}};
+    for (const auto &c : cases) {
+        QVERIFY(LogFile::clear());
+        const QDateTime before = QDateTime::currentDateTime().addMSecs(-1);
+        log(c.second, c.first);
+        const QDateTime after = QDateTime::currentDateTime().addMSecs(1);
+        const QByteArray bytes = fileBytes();
+        QCOMPARE(bytes.count('\n'), 1);
+        const QRegularExpressionMatch m = linePattern.match(QString::fromUtf8(bytes.chopped(1)));
+        QVERIFY2(m.hasMatch(), bytes.constData());
+        QCOMPARE(m.captured(2), c.second);
+        const QDateTime stamp = QDateTime::fromString(m.captured(1), "yyyy-MM-dd HH:mm:ss zzz");
+        QVERIFY2(stamp >= before && stamp <= after, qPrintable(m.captured(1)));
+    }
 }
 
 void TestLogSink::testAppendsRecreatesAndMode()
@@ -107,80 +101,62 @@ void TestLogSink::testAppendsRecreatesAndMode()
 
 void TestLogSink::testTwoThreadsWholeLines()
 {
-    const int perThread = 400;
     // Long lines make an interleaving within a line likely if the lock failed.
-    auto writer = [](char tag) {
-        for (int i = 0; i < perThread; ++i)
-            log(QStringLiteral("%1-%2-%3").arg(tag).arg(i).arg(QString(300, QLatin1Char(tag))));
+    auto text = [](char tag, int i) {
+        return QStringLiteral("%1-%2-").arg(tag).arg(i) + QString(300, QLatin1Char(tag));
+    };
+    auto writer = [&](char tag) {
+        for (int i = 0; i < 400; ++i)
+            log(text(tag, i));
     };
     std::thread a(writer, 'A'), b(writer, 'B');
     a.join();
     b.join();
-    const QStringList lines = LogFile::lines();
-    QCOMPARE(lines.size(), 2 * perThread);
-    QSet<QString> seen;
-    const QRegularExpression body(QStringLiteral(R"(^(A-\d+-A{300}|B-\d+-B{300})$)"));
-    for (const QString &line : lines) {
-        const QString m = linePattern.match(line).captured(2);
-        QVERIFY2(body.match(m).hasMatch(), qPrintable(line.left(80)));
-        seen.insert(m);
-    }
-    QCOMPARE(seen.size(), 2 * perThread);
+    QStringList expected, got = LogFile::messages();
+    for (int i = 0; i < 400; ++i)
+        expected << text('A', i) << text('B', i);
+    expected.sort();
+    got.sort();
+    QCOMPARE(got, expected);
 }
 
-// What stands under /tmp/uilog.txt before a line is logged; the line goes to
-// $XDG_RUNTIME_DIR/uilog.txt (0600) or nowhere, nothing is written through what was planted.
-enum Planted { ForeignOwner, Fifo, Directory, HardLink, DanglingLink, Symlink };
-
-static bool plant(Planted what, const QString &scratch)
-{
-    const QByteArray path = ZRUI_LOG_PATH, own = QFile::encodeName(scratch + "/own.txt");
-    QFile ownFile(scratch + "/own.txt");
-    const bool owned = ownFile.open(QIODevice::WriteOnly) && ownFile.write("theirs\n") == 7;
-    ownFile.close();
-    switch (what) {
-    case ForeignOwner: {
-        const int fd = open(path.constData(), O_WRONLY | O_CREAT | O_EXCL, 0666);
-        const bool ok = fd >= 0 && fchmod(fd, 0666) == 0 && write(fd, "theirs\n", 7) == 7
-                        && fchown(fd, 65534, 65534) == 0;
-        return close(fd) == 0 && ok;
-    }
-    case Fifo:
-        return mkfifo(path.constData(), 0666) == 0;
-    case Directory:
-        return mkdir(path.constData(), 0700) == 0;
-    case HardLink:
-        return owned && link(own.constData(), path.constData()) == 0;
-    case DanglingLink:
-        return symlink(QFile::encodeName(scratch + "/created").constData(), path.constData()) == 0;
-    case Symlink:
-        return owned && symlink(own.constData(), path.constData()) == 0;
-    }
-    return false;
-}
-
+// Whatever stands under /tmp/uilog.txt that is not this user's own single-named regular file
+// is not written, nor anything through it: the line goes to $XDG_RUNTIME_DIR/uilog.txt (0600).
 void TestLogSink::testRefusedFileFallsBack_data()
 {
-    QTest::addColumn<int>("planted");
+    QTest::addColumn<QString>("planted");
     QTest::addColumn<bool>("runtimeDirSet");
-    QTest::newRow("other user's 0666 file") << int(ForeignOwner) << true;
-    QTest::newRow("fifo") << int(Fifo) << true;
-    QTest::newRow("directory") << int(Directory) << true;
-    QTest::newRow("second name of another file") << int(HardLink) << true;
-    QTest::newRow("dangling symlink") << int(DanglingLink) << true;
-    QTest::newRow("symlink to a file") << int(Symlink) << true;
-    QTest::newRow("other user's file, no runtime dir") << int(ForeignOwner) << false;
+    for (const char *what : {"fifo", "directory", "hard link", "symlink", "dangling symlink"})
+        QTest::newRow(what) << what << true;
+    QTest::newRow("other user's 0666 file") << "foreign" << true;
+    QTest::newRow("other user's file, no runtime dir") << "foreign" << false;
 }
 
 void TestLogSink::testRefusedFileFallsBack()
 {
-    QFETCH(int, planted);
+    QFETCH(QString, planted);
     QFETCH(bool, runtimeDirSet);
-    if (planted == ForeignOwner && geteuid() != 0)
+    if (planted == "foreign" && geteuid() != 0)
         QSKIP("a file of another uid needs root to create");
     QTemporaryDir scratch, runtimeDir;
-    QVERIFY(scratch.isValid() && runtimeDir.isValid());
-    QVERIFY(plant(Planted(planted), scratch.path()));
+    QFile own(scratch.filePath("own.txt"));
+    QVERIFY(own.open(QIODevice::WriteOnly) && own.write("theirs\n") == 7);
+    own.close();
+    const QByteArray ownPath = QFile::encodeName(own.fileName());
+    const QByteArray dangling = QFile::encodeName(scratch.filePath("created"));
+    int fd = -1;
+    const bool ok = planted == "fifo"        ? mkfifo(ZRUI_LOG_PATH, 0666) == 0
+                    : planted == "directory" ? mkdir(ZRUI_LOG_PATH, 0700) == 0
+                    : planted == "hard link" ? link(ownPath, ZRUI_LOG_PATH) == 0
+                    : planted == "symlink"   ? symlink(ownPath, ZRUI_LOG_PATH) == 0
+                    : planted == "dangling symlink"
+                            ? symlink(dangling, ZRUI_LOG_PATH) == 0
+                            : (fd = open(ZRUI_LOG_PATH, O_WRONLY | O_CREAT | O_EXCL, 0666)) >= 0
+                                      && fchmod(fd, 0666) == 0 && write(fd, "theirs\n", 7) == 7
+                                      && fchown(fd, 65534, 65534) == 0;
+    if (fd >= 0)
+        close(fd);
+    QVERIFY(ok);
     const QByteArray savedRuntimeDir = qgetenv("XDG_RUNTIME_DIR");
     if (runtimeDirSet)
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path()));
@@ -191,15 +167,12 @@ void TestLogSink::testRefusedFileFallsBack()
 
     QFile fallback(runtimeDir.filePath("uilog.txt"));
     QCOMPARE(fallback.exists(), runtimeDirSet);
-    if (runtimeDirSet) {
-        const QByteArray bytes = fileBytes(fallback.fileName());
-        QVERIFY2(linePattern.match(QString::fromUtf8(bytes.trimmed())).hasMatch(), bytes);
-        QVERIFY(bytes.endsWith("] refused primary\n"));
-        QCOMPARE(int(fallback.permissions() & 0x0777), 0x0600); // owner read and write only
-    }
-    QCOMPARE(fileBytes(scratch.filePath("own.txt")), QByteArray("theirs\n"));
-    if (planted == ForeignOwner)
-        QCOMPARE(fileBytes(), QByteArray("theirs\n"));
+    const QByteArray bytes = fileBytes(fallback.fileName());
+    QVERIFY(!runtimeDirSet || linePattern.match(QString::fromUtf8(bytes.trimmed())).hasMatch());
+    QVERIFY(!runtimeDirSet || bytes.endsWith("] refused primary\n"));
+    QVERIFY(!runtimeDirSet || (fallback.permissions() & 0x0777) == 0x0600);
+    QCOMPARE(fileBytes(own.fileName()), QByteArray("theirs\n"));
+    QVERIFY(planted != "foreign" || fileBytes() == "theirs\n");
     QVERIFY(!QFile::exists(scratch.filePath("created")));
     if (unlink(ZRUI_LOG_PATH) != 0)
         rmdir(ZRUI_LOG_PATH);

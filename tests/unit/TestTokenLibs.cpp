@@ -35,10 +35,8 @@ class TestTokenLibs : public QObject
 private slots:
     void initTestCase();
     void testVariantMissingLastAlgEntryPoint();
-    void testPathRules_data();
     void testPathRules();
     void testLoadAndUnload();
-    void testExports_data();
     void testExports();
 
 private:
@@ -71,28 +69,20 @@ void TestTokenLibs::testVariantMissingLastAlgEntryPoint()
     FreeLib_Aux();
 }
 
-void TestTokenLibs::testPathRules_data()
-{
-    QTest::addColumn<QByteArray>("dir");
-    QTest::addColumn<int>("expected");
-    QTest::newRow("with slash") << libDir << 1;
-    QTest::newRow("without slash") << libDir.left(libDir.size() - 1) << 0;
-    QTest::newRow("missing directory") << QByteArray("/nonexistent-zrui-dir/") << 0;
-    // 256-byte path buffer: a path that does not fit is refused, not cut.
-    QTest::newRow("too long") << QByteArray(libDir + QByteArray(300, '/')) << 0;
-}
-
+// The directory needs its final "/", and a path that does not fit the 256-byte buffer is
+// refused, not cut.
 void TestTokenLibs::testPathRules()
 {
-    QFETCH(QByteArray, dir);
-    QFETCH(int, expected);
-    QByteArray d1 = dir, d2 = dir, d3 = dir;
-    QCOMPARE(LoadLib_ZRKAPI(0, d1.data()), expected);
-    QCOMPARE(LoadLib_Alg(0, d2.data()), expected);
-    QCOMPARE(LoadLib_Aux(0, d3.data()), expected);
-    FreeLib_ZRKAPI();
-    FreeLib_Alg();
-    FreeLib_Aux();
+    for (QByteArray dir : {libDir.chopped(1), QByteArray("/nonexistent-zrui-dir/"),
+                           libDir + QByteArray(300, '/'), libDir}) {
+        const int expected = dir == libDir;
+        QCOMPARE(LoadLib_ZRKAPI(0, QByteArray(dir).data()), expected);
+        QCOMPARE(LoadLib_Alg(0, QByteArray(dir).data()), expected);
+        QCOMPARE(LoadLib_Aux(0, QByteArray(dir).data()), expected);
+        FreeLib_ZRKAPI();
+        FreeLib_Alg();
+        FreeLib_Aux();
+    }
 }
 
 void TestTokenLibs::testLoadAndUnload()
@@ -128,34 +118,26 @@ void TestTokenLibs::testLoadAndUnload()
 
 // Exactly the entry points the program binds, as global functions (nm's "T"); the variant's
 // algorithm library lacks its last one.
-void TestTokenLibs::testExports_data()
-{
-    QTest::addColumn<QByteArray>("path");
-    QTest::addColumn<QStringList>("expected");
-    QStringList shortAlg = zralgNames;
-    shortAlg.removeAll("ZRA_DecodeX509Cert T");
-    for (const QByteArray &dir : {libDir, variantDir}) {
-        QTest::newRow((dir + "libzrkapi.so").constData()) << dir + "libzrkapi.so" << zrkapiNames;
-        QTest::newRow((dir + "libzralg.so").constData())
-                << dir + "libzralg.so" << (dir == libDir ? zralgNames : shortAlg);
-        QTest::newRow((dir + "libaux.so").constData()) << dir + "libaux.so" << auxNames;
-    }
-}
-
 void TestTokenLibs::testExports()
 {
-    QFETCH(QByteArray, path);
-    QFETCH(QStringList, expected);
-    QProcess nm;
-    nm.start("nm", {"-D", "--defined-only", "--format=posix", QFile::decodeName(path)});
-    QVERIFY(nm.waitForFinished(30000) && nm.exitCode() == 0);
-    QStringList symbols;
-    for (const QString &line : QString::fromLatin1(nm.readAllStandardOutput()).split('\n'))
-        if (!line.isEmpty())
-            symbols << line.section(' ', 0, 1);
-    symbols.sort();
-    expected.sort();
-    QCOMPARE(symbols, expected);
+    QStringList shortAlg = zralgNames;
+    shortAlg.removeAll("ZRA_DecodeX509Cert T");
+    const QList<QPair<QByteArray, QStringList>> libs
+            = {{libDir + "libzrkapi.so", zrkapiNames}, {libDir + "libzralg.so", zralgNames},
+               {libDir + "libaux.so", auxNames},       {variantDir + "libzrkapi.so", zrkapiNames},
+               {variantDir + "libzralg.so", shortAlg}, {variantDir + "libaux.so", auxNames}};
+    for (auto lib : libs) {
+        QProcess nm;
+        nm.start("nm", {"-D", "--defined-only", "--format=posix", QFile::decodeName(lib.first)});
+        QVERIFY(nm.waitForFinished(30000) && nm.exitCode() == 0);
+        QStringList symbols;
+        for (const QString &line : QString::fromLatin1(nm.readAllStandardOutput()).split('\n'))
+            if (!line.isEmpty())
+                symbols << line.section(' ', 0, 1);
+        symbols.sort();
+        lib.second.sort();
+        QVERIFY2(symbols == lib.second, lib.first);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestTokenLibs)

@@ -127,55 +127,41 @@ void TestUIService::testConfiguration()
     QVERIFY(!ServerLauncher::isListening(socketName()));
 }
 
+// The PIN result buffer: a copy of the bytes at a fixed address, wiped by a new request, a
+// cancel or a new PIN dialog; more than it holds is refused.
 void TestUIService::testPinHandOff()
 {
     std::unique_ptr<UI_Service> ui = make();
     QVERIFY(ui && ui->service());
-
-    unsigned char *buffer = nullptr;
+    unsigned char *internal = nullptr;
     unsigned long length = 99;
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), -1);
-    QVERIFY(buffer != nullptr);
-    QCOMPARE(length, 0ul);
-    unsigned char *const internal = buffer;
-
-    // OK: a copy of the bytes, the address of the internal buffer.
-    QByteArray result = QByteArray::fromHex("06000000313233343536") + QByteArray(4, '\0');
-    ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(result.data()), ulong(result.size()));
-    result.fill('\xAA');
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), 1);
-    QCOMPARE(buffer, internal);
-    QCOMPARE(length, 14ul);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(buffer), 14),
-             QByteArray::fromHex("0600000031323334353600000000"));
-
-    // A new request wipes the old PIN before anything else happens.
-    ui->SetPINStatus(-1, nullptr, 0);
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), -1);
-    QCOMPARE(length, 0ul);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(internal), 14), QByteArray(14, '\0'));
-
-    // Cancel also wipes.
-    QByteArray again("\x02\x00\x00\x00xy", 6);
-    ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(again.data()), 6);
-    ui->SetPINStatus(0, nullptr, 0);
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), 0);
-    QCOMPARE(length, 0ul);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(internal), 6), QByteArray(6, '\0'));
-
-    // More than the buffer holds is refused, not copied.
-    QByteArray huge(int(UI_Service::PIN_BUFFER_SIZE) + 1, 'z');
-    ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(huge.data()), ulong(huge.size()));
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), 1);
-    QCOMPARE(length, 0ul);
-
-    // A new PIN dialog also starts from a wiped buffer.
-    ui->SetPINStatus(1, reinterpret_cast<unsigned char *>(again.data()), 6);
+    QCOMPARE(ui->GetPINStatus(&internal, &length), -1);
+    QVERIFY(internal && length == 0);
+    auto set = [&](int status, QByteArray bytes) {
+        ui->SetPINStatus(status, reinterpret_cast<unsigned char *>(bytes.data()),
+                         ulong(bytes.size()));
+        bytes.fill('\xAA'); // the caller's buffer is reused at once
+    };
+    auto holds = [&](int status, unsigned long len, const QByteArray &held) {
+        unsigned char *buffer = nullptr;
+        unsigned long got = 99;
+        return ui->GetPINStatus(&buffer, &got) == status && buffer == internal && got == len
+               && QByteArray(reinterpret_cast<char *>(internal), held.size()) == held;
+    };
+    const QByteArray pin = QByteArray::fromHex("0600000031323334353600000000"), zero(14, '\0');
+    set(1, pin);
+    QVERIFY(holds(1, 14, pin));
+    set(-1, QByteArray());
+    QVERIFY(holds(-1, 0, zero));
+    set(1, pin);
+    set(0, QByteArray());
+    QVERIFY(holds(0, 0, zero));
+    set(1, QByteArray(int(UI_Service::PIN_BUFFER_SIZE) + 1, 'z'));
+    QVERIFY(holds(1, 0, QByteArray()));
+    set(1, pin);
     ui->on_pin_dialog_show(0);
-    QVERIFY(ui->currentPinDialog() != nullptr);
-    QCOMPARE(ui->GetPINStatus(&buffer, &length), -1);
-    QCOMPARE(length, 0ul);
-    QCOMPARE(QByteArray(reinterpret_cast<char *>(internal), 6), QByteArray(6, '\0'));
+    QVERIFY(ui->currentPinDialog());
+    QVERIFY(holds(-1, 0, zero));
     ui->on_pin_dialog_hide();
 }
 
@@ -188,19 +174,14 @@ void TestUIService::testListAndMessageStatus()
     ui->SetListSelectStatus(-1, 0);
     ui->on_list_dialog_show(1, QStringLiteral("a\nb"));
     ui->GetListSelectStatus(status, index);
-    QCOMPARE(status, 1);
-    QCOMPARE(index, -1);
-    QVERIFY(ui->currentListDialog() == nullptr);
+    QVERIFY(status == 1 && index == -1 && !ui->currentListDialog());
 
     // Unknown types change nothing.
     ui->SetListSelectStatus(-1, 0);
-    for (ulong type : {2ul, 7ul, 0xFFFFFFFFul}) {
+    for (ulong type : {2ul, 7ul, 0xFFFFFFFFul})
         ui->on_list_dialog_show(type, QStringLiteral("a\nb"));
-        ui->GetListSelectStatus(status, index);
-        QCOMPARE(status, -1);
-        QCOMPARE(index, 0);
-        QVERIFY(ui->currentListDialog() == nullptr);
-    }
+    ui->GetListSelectStatus(status, index);
+    QVERIFY(status == -1 && index == 0 && !ui->currentListDialog());
 
     // -1 from the socket thread never touches a dialog; a final status deletes it.
     ui->on_message_dialog_show(QStringLiteral("t"), QStringLiteral("m"), 0);
