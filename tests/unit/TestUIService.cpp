@@ -1,10 +1,8 @@
 #include "ui/UI_Service.h"
 #include "ServerLauncher.h"
 
-#include "ui/MessageDialog.h"
 #include "ui/PINDialog.h"
 
-#include <QPointer>
 #include <QResource>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -24,7 +22,6 @@ private slots:
     void testConfiguration_data();
     void testConfiguration();
     void testPinHandOff();
-    void testListAndMessageStatus();
 
 private:
     // A UI_Service in a fresh working directory with ZRUIConf.ini and the variant's resources.
@@ -163,35 +160,6 @@ void TestUIService::testPinHandOff()
     QVERIFY(ui->currentPinDialog());
     QVERIFY(holds(-1, 0, zero));
     ui->on_pin_dialog_hide();
-}
-
-void TestUIService::testListAndMessageStatus()
-{
-    std::unique_ptr<UI_Service> ui = make();
-    QVERIFY(ui && ui->service());
-    int status = 0, index = 0;
-    // Type 1: answered at once, without a window.
-    ui->SetListSelectStatus(-1, 0);
-    ui->on_list_dialog_show(1, QStringLiteral("a\nb"));
-    ui->GetListSelectStatus(status, index);
-    QVERIFY(status == 1 && index == -1 && !ui->currentListDialog());
-
-    // Unknown types change nothing.
-    ui->SetListSelectStatus(-1, 0);
-    for (ulong type : {2ul, 7ul, 0xFFFFFFFFul})
-        ui->on_list_dialog_show(type, QStringLiteral("a\nb"));
-    ui->GetListSelectStatus(status, index);
-    QVERIFY(status == -1 && index == 0 && !ui->currentListDialog());
-
-    // -1 from the socket thread never touches a dialog; a final status deletes it.
-    ui->on_message_dialog_show(QStringLiteral("t"), QStringLiteral("m"), 0);
-    QPointer<MessageDialog> message = ui->currentMessageDialog();
-    QVERIFY(message);
-    ui->SetMsgStatus(-1);
-    QVERIFY(message);
-    ui->SetMsgStatus(1);
-    QVERIFY(message.isNull());
-    QVERIFY(ui->currentMessageDialog() == nullptr);
 }
 
 QTEST_MAIN(TestUIService)
