@@ -28,8 +28,9 @@ QByteArray uniqueName()
     return "zrclt" + QByteArray::number(getpid()) + '_' + QByteArray::number(++counter);
 }
 
-// Listens on "<name><uid>", runs a script on one accepted client in a thread; every wait of
-// the script has a 5 s deadline, so a broken client cannot hang the test.
+// Listens on "<name><uid>" and answers the requests of one client with the given replies in
+// turn, each in four pieces that need a read each in mode 'p'; then hangs up at once in mode
+// 'h', else waits for the client to close. Every wait has a 5 s deadline.
 struct ScriptedServer
 {
     ScriptedServer()
@@ -37,7 +38,6 @@ struct ScriptedServer
         const QByteArray full = name + QByteArray::number(getuid());
         sockaddr_un addr = {AF_UNIX, {}};
         memcpy(addr.sun_path + 1, full.constData(), size_t(full.size()));
-        listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         const socklen_t len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + size_t(full.size()));
         ok = bind(listenFd, reinterpret_cast<sockaddr *>(&addr), len) == 0
              && listen(listenFd, 1) == 0;
@@ -47,15 +47,27 @@ struct ScriptedServer
         finish();
         ::close(listenFd);
     }
-    zrui_conn *run(std::function<void(ScriptedServer &)> script)
+    zrui_conn *run(const QList<QByteArray> &replies, char mode = 'n')
     {
-        worker = std::thread([this, script] {
+        const bool pieces = mode == 'p';
+        worker = std::thread([this, replies, pieces, mode] {
             pollfd p = {listenFd, POLLIN, 0};
             if (poll(&p, 1, 5000) != 1 || (fd = accept(listenFd, nullptr, nullptr)) < 0)
                 return;
             const timeval limit = {5, 0};
             setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-            script(*this);
+            for (const QByteArray &r : replies) {
+                const QByteArray hdr = read(8);
+                if (hdr.size() == 8)
+                    read(int(*reinterpret_cast<const quint32 *>(hdr.constData() + 4)));
+                for (const QByteArray &piece :
+                     pieces ? QList<QByteArray>{r.left(3), r.mid(3, 5), r.mid(8, 2), r.mid(10)}
+                            : QList<QByteArray>{r})
+                    piecesOk = write(piece) && (!pieces || waitConsumed()) && piecesOk;
+            }
+            char c;
+            while (mode != 'h' && ::recv(fd, &c, 1, 0) > 0)
+                received += c;
             ::close(fd);
         });
         if (zrui_open(name.constData(), &h) == ZRUI_OK)
@@ -72,17 +84,9 @@ struct ScriptedServer
     QByteArray read(int n)
     {
         QByteArray out(n, '\0');
-        out.truncate(int(qMax<ssize_t>(::recv(fd, out.data(), size_t(n), MSG_WAITALL), 0)));
+        out.truncate(int(qMax<ssize_t>(n ? ::recv(fd, out.data(), size_t(n), MSG_WAITALL) : 0, 0)));
         received += out;
         return out;
-    }
-    QByteArray readRequest()
-    {
-        QByteArray hdr = read(8);
-        quint32 len = 0;
-        if (hdr.size() == 8)
-            memcpy(&len, hdr.constData() + 4, 4);
-        return len ? hdr + read(int(len)) : hdr;
     }
     bool write(const QByteArray &b)
     {
@@ -98,19 +102,33 @@ struct ScriptedServer
                 return true;
         return false;
     }
-    void waitClientClose()
-    {
-        char c;
-        ::recv(fd, &c, 1, 0);
-    }
 
     const QByteArray name = uniqueName();
-    bool ok = false;
+    int listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), fd = -1;
+    bool ok = false, piecesOk = true;
     QByteArray received; // by the script thread; read after finish()
-    int listenFd = -1, fd = -1;
     zrui_conn *h = nullptr;
     std::thread worker;
 };
+
+QString code(int rc) { return QString::number(rc); }
+
+QString pinGet(zrui_conn *h, int waitMs = -1)
+{
+    zrui_pin_result pin;
+    const int rc = waitMs < 0 ? zrui_pin_get(h, &pin) : zrui_pin_wait(h, waitMs, 1, &pin);
+    const QString s
+            = code(rc) + (rc == ZRUI_OK ? QString(" %1/%2").arg(pin.oldPin, pin.newPin) : "");
+    zrui_pin_result_wipe(&pin);
+    return s;
+}
+
+QString listSel(zrui_conn *h, int waitMs = -1)
+{
+    int32_t index = -5;
+    const int rc = waitMs < 0 ? zrui_list_get_sel(h, &index) : zrui_list_wait(h, waitMs, 1, &index);
+    return code(rc) + " " + QString::number(index);
+}
 
 } // namespace
 
@@ -123,13 +141,7 @@ private slots:
     void testParsePinResult_data();
     void testParsePinResult();
     void testNamesAndArguments();
-    void testRequestBytesOnWire();
-    void testResponseReadInPieces();
-    void testServerClosesEarly();
-    void testOversizedResponses();
-    void testTimeout();
-    void testResponseCodes();
-    void testWaitsPollUntilAnswer();
+    void testTransport();
 };
 
 void TestClient::testMessageBoxLayout_data()
@@ -239,171 +251,142 @@ void TestClient::testNamesAndArguments()
     QVERIFY(zrui_connect(uniqueName().constData()) == nullptr);
     QCOMPARE(errno, ECONNREFUSED);
     QCOMPARE(zrui_open(QByteArray(120, 'n').constData(), &h), int(ZRUI_E_INVAL));
-
-    uint32_t resp = 0;
-    zrui_pin_result pin;
-    int32_t index = 0;
-    QCOMPARE(zrui_request(nullptr, 1, nullptr, 0, &resp, nullptr, 0, nullptr), int(ZRUI_E_INVAL));
-    QCOMPARE(zrui_pin_wait(nullptr, 10, 1, &pin), int(ZRUI_E_INVAL));
-    QCOMPARE(zrui_list_get_sel(nullptr, &index), int(ZRUI_E_INVAL));
-    QCOMPARE(zrui_message_box(nullptr, 0, "a", "b"), int(ZRUI_E_INVAL));
     QCOMPARE(zrui_open(nullptr, nullptr), int(ZRUI_E_INVAL));
     QCOMPARE(zrui_fd(nullptr), -1);
     zrui_close(nullptr); // harmless
-}
 
-void TestClient::testRequestBytesOnWire()
-{
+    // Refused arguments send nothing.
     ScriptedServer server;
-    QVERIFY(server.ok);
-    zrui_conn *h = server.run([](ScriptedServer &s) {
-        while (!s.readRequest().isEmpty())
-            s.write(header(0, 0));
-    });
-    QVERIFY(h);
-    QCOMPARE(zrui_begin_session(h, 0x8877665544332211ULL), int(ZRUI_OK));
-    QCOMPARE(zrui_pin_show(h, 3), int(ZRUI_OK));
-    QCOMPARE(zrui_pin_retry(h, 0xFFFFFFFFu), int(ZRUI_OK));
-    QCOMPARE(zrui_waiting_show(h, 2, "press|5"), int(ZRUI_OK));
-    QCOMPARE(zrui_list_show(h, 1, nullptr), int(ZRUI_OK));
-    QCOMPARE(zrui_message_box(h, 4, "Hi", "there"), int(ZRUI_OK));
-    server.finish();
-    QCOMPARE(server.received.toHex(), QByteArray("010000000a00000000001122334455667788"
-                                                 "030000000400000003000000"
-                                                 "0500000004000000ffffffff"
-                                                 "070000000c0000000200000070726573737c3500"
-                                                 "0a000000050000000100000000"
-                                                 "0e0000000d00000004000000486900746865726500"));
-}
-
-void TestClient::testResponseReadInPieces()
-{
-    ScriptedServer server;
-    QVERIFY(server.ok);
-    const QByteArray result = u32(6) + "246810" + u32(0);
-    bool piecesOk = true; // read after finish()
-    zrui_conn *h = server.run([&](ScriptedServer &s) {
-        s.readRequest();
-        const QByteArray r = header(0, quint32(result.size())) + result;
-        for (const QByteArray &piece : {r.left(3), r.mid(3, 5), r.mid(8, 2), r.mid(10)})
-            piecesOk = s.write(piece) && s.waitConsumed() && piecesOk;
-    });
-    QVERIFY(h);
+    QVERIFY(server.ok && (h = server.run({header(0, 0)})));
+    uint32_t resp = 0;
     zrui_pin_result pin;
-    QCOMPARE(zrui_pin_get(h, &pin), int(ZRUI_OK));
-    QCOMPARE(QByteArray(pin.oldPin), QByteArray("246810"));
-    QCOMPARE(pin.newLen, 0u);
-    zrui_pin_result_wipe(&pin);
-    server.finish();
-    QVERIFY(piecesOk);
-    QCOMPARE(server.received.toHex(), header(REQ_PIN_GetPIN, 0).toHex());
-}
-
-void TestClient::testServerClosesEarly()
-{
-    for (const QByteArray &reply : {QByteArray(), header(0, 4).left(5)}) {
-        ScriptedServer server;
-        QVERIFY(server.ok);
-        zrui_conn *h = server.run([reply](ScriptedServer &s) {
-            s.readRequest();
-            s.write(reply);
-        });
-        QVERIFY(h);
-        int32_t index = 0;
-        QCOMPARE(zrui_list_get_sel(h, &index), int(ZRUI_E_CLOSED));
-    }
-}
-
-void TestClient::testOversizedResponses()
-{
-    ScriptedServer server;
-    QVERIFY(server.ok);
-    zrui_conn *h = server.run([](ScriptedServer &s) {
-        s.readRequest();
-        s.write(header(0, 8) + QByteArray::fromHex("0102030405060708"));
-        s.readRequest();
-        s.write(header(0, 4) + u32(9));
-        s.readRequest();
-        s.write(header(0, COMMPACK_MAX_DATA + 1));
-        s.waitClientClose();
-    });
-    QVERIFY(h);
-    int32_t index = -5;
-    QCOMPARE(zrui_list_get_sel(h, &index), int(ZRUI_E_PROTO));
-    QCOMPARE(index, -5);
-    // The oversized data was drained: the next response is read correctly.
-    QCOMPARE(zrui_list_get_sel(h, &index), int(ZRUI_OK));
-    QCOMPARE(index, 9);
-    // Above the maximum: out of step from here on, refused without touching the socket.
-    zrui_pin_result pin;
-    QCOMPARE(zrui_pin_get(h, &pin), int(ZRUI_E_PROTO));
-    QCOMPARE(zrui_end_session(h), int(ZRUI_E_IO));
-}
-
-void TestClient::testTimeout()
-{
-    ScriptedServer server;
-    QVERIFY(server.ok);
-    zrui_conn *h = server.run([](ScriptedServer &s) {
-        s.readRequest();
-        s.write(header(0, 0));
-        s.readRequest();
-        s.waitClientClose(); // never answers the second request
-    });
-    QVERIFY(h);
-    QCOMPARE(zrui_set_timeout(h, 150), int(ZRUI_OK));
+    int32_t index = 0;
+    QByteArray big(COMMPACK_MAX_DATA + 1, 'b');
+    QCOMPARE(zrui_request(nullptr, 1, nullptr, 0, &resp, nullptr, 0, nullptr), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_request(h, 1, nullptr, 0, nullptr, nullptr, 0, nullptr), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_request(h, 1, nullptr, 4, &resp, nullptr, 0, nullptr), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_request(h, 1, big.data(), uint32_t(big.size()), &resp, nullptr, 0, nullptr),
+             int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_request(h, 1, nullptr, 0, &resp, nullptr, 4, nullptr), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_pin_get(h, nullptr), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_pin_wait(nullptr, 10, 1, &pin), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_pin_wait(h, -1, 1, &pin), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_list_get_sel(nullptr, &index), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_list_get_sel(h, nullptr), int(ZRUI_E_INVAL));
+    QCOMPARE(zrui_message_box(nullptr, 0, "a", "b"), int(ZRUI_E_INVAL));
     QCOMPARE(zrui_begin_session(h, 1), int(ZRUI_OK));
-    QElapsedTimer timer;
-    timer.start();
-    QCOMPARE(zrui_message_box(h, 0, "t", "x"), int(ZRUI_E_TIMEOUT));
-    QVERIFY(timer.elapsed() >= 100);
-    QCOMPARE(zrui_end_session(h), int(ZRUI_E_IO));
-}
-
-void TestClient::testResponseCodes()
-{
-    ScriptedServer server;
-    QVERIFY(server.ok);
-    zrui_conn *h = server.run([](ScriptedServer &s) {
-        for (quint32 code : {1u, 3u, 4u, 5u, 2u, 0u}) {
-            s.readRequest();
-            s.write(header(code, 0));
-        }
-    });
-    QVERIFY(h);
-    QCOMPARE(zrui_pin_retry(h, 1), int(ZRUI_E_CANCEL));
-    QCOMPARE(zrui_pin_show(h, 1), int(ZRUI_E_STATE));
-    QCOMPARE(zrui_pin_retry(h, 1), int(ZRUI_E_NORESULT));
-    QCOMPARE(zrui_pin_finish(h), int(ZRUI_E_TOKEN));
-    QCOMPARE(zrui_waiting_finish(h), int(ZRUI_E_PROTO));
-    int32_t index = 0; // an OK list answer without its 4 bytes is malformed
-    QCOMPARE(zrui_list_get_sel(h, &index), int(ZRUI_E_PROTO));
-}
-
-void TestClient::testWaitsPollUntilAnswer()
-{
-    ScriptedServer server;
-    QVERIFY(server.ok);
-    const QByteArray result = u32(2) + "ab" + u32(3) + "cde";
-    zrui_conn *h = server.run([&](ScriptedServer &s) {
-        for (const QByteArray &reply : {header(UI_NO_RESULT, 0), header(UI_NO_RESULT, 0),
-                                        header(0, quint32(result.size())) + result,
-                                        header(UI_NO_RESULT, 0), header(UI_USER_CANCEL, 0)}) {
-            s.readRequest();
-            s.write(reply);
-        }
-    });
-    QVERIFY(h);
-    zrui_pin_result pin;
-    QCOMPARE(zrui_pin_wait(h, 10000, 1, &pin), int(ZRUI_OK));
-    QCOMPARE(QByteArray(pin.oldPin), QByteArray("ab"));
-    QCOMPARE(QByteArray(pin.newPin), QByteArray("cde"));
-    int32_t index = 42;
-    QCOMPARE(zrui_list_wait(h, 10000, 1, &index), int(ZRUI_E_CANCEL));
-    QCOMPARE(index, 42);
     server.finish();
-    QCOMPARE(server.received.toHex(), QByteArray("0400000000000000").repeated(3)
-                                              + QByteArray("0b00000000000000").repeated(2));
+    QCOMPARE(server.received.toHex(), QByteArray("010000000a00000000000100000000000000"));
+}
+
+// One connection per row: the replies the server sends in turn, the client's calls, their
+// results, and the exact bytes the server received.
+void TestClient::testTransport()
+{
+    const QByteArray ok = header(0, 0), none = header(UI_NO_RESULT, 0);
+    const QByteArray pin = u32(6) + "246810" + u32(0), pin2 = u32(2) + "ab" + u32(3) + "cde";
+    const struct
+    {
+        const char *name;
+        QList<QByteArray> replies;
+        std::function<QStringList(zrui_conn *)> calls;
+        QStringList results;
+        QByteArray sent;
+        char mode;
+    } rows[] = {
+            {"request layouts",
+             {ok, ok, ok, ok, ok, ok},
+             [](zrui_conn *h) {
+                 return QStringList{code(zrui_begin_session(h, 0x8877665544332211ULL)),
+                                    code(zrui_pin_show(h, 3)),
+                                    code(zrui_pin_retry(h, 0xFFFFFFFFu)),
+                                    code(zrui_waiting_show(h, 2, "press|5")),
+                                    code(zrui_list_show(h, 1, nullptr)),
+                                    code(zrui_message_box(h, 4, "Hi", "there"))};
+             },
+             {"0", "0", "0", "0", "0", "0"},
+             QByteArray::fromHex("010000000a00000000001122334455667788"
+                                 "030000000400000003000000"
+                                 "0500000004000000ffffffff"
+                                 "070000000c0000000200000070726573737c3500"
+                                 "0a000000050000000100000000"
+                                 "0e0000000d00000004000000486900746865726500"),
+             'n'},
+            {"response in pieces, one read each",
+             {header(0, quint32(pin.size())) + pin},
+             [](zrui_conn *h) { return QStringList{pinGet(h)}; },
+             {"0 246810/"},
+             header(REQ_PIN_GetPIN, 0),
+             'p'},
+            {"closed before the response",
+             {""},
+             [](zrui_conn *h) { return QStringList{listSel(h)}; },
+             {code(ZRUI_E_CLOSED) + " -5"},
+             header(REQ_List_GetSel, 0),
+             'h'},
+            {"closed mid header",
+             {header(0, 4).left(5)},
+             [](zrui_conn *h) { return QStringList{listSel(h)}; },
+             {code(ZRUI_E_CLOSED) + " -5"},
+             header(REQ_List_GetSel, 0),
+             'h'},
+            // Data larger than expected is drained; above the maximum the stream is out of
+            // step, so later requests are refused without touching the socket.
+            {"oversized responses",
+             {header(0, 8) + QByteArray(8, 'x'), header(0, 4) + u32(9),
+              header(0, COMMPACK_MAX_DATA + 1)},
+             [](zrui_conn *h) {
+                 return QStringList{listSel(h), listSel(h), pinGet(h), code(zrui_end_session(h))};
+             },
+             {code(ZRUI_E_PROTO) + " -5", "0 9", code(ZRUI_E_PROTO), code(ZRUI_E_IO)},
+             header(REQ_List_GetSel, 0).repeated(2) + header(REQ_PIN_GetPIN, 0),
+             'n'},
+            // An unanswered first request means "busy"; after an answer it is a time-out.
+            {"silent server",
+             {ok},
+             [](zrui_conn *h) {
+                 zrui_set_timeout(h, 150);
+                 QElapsedTimer timer;
+                 timer.start();
+                 const QStringList r{code(zrui_begin_session(h, 1)),
+                                     code(zrui_message_box(h, 0, "t", "x")),
+                                     code(zrui_end_session(h))};
+                 return r + QStringList{timer.elapsed() >= 100 ? "waited" : "did not wait"};
+             },
+             {"0", code(ZRUI_E_TIMEOUT), code(ZRUI_E_IO), "waited"},
+             QByteArray::fromHex("010000000a000000000001000000000000000e00000008000000000000007400"
+                                 "7800"),
+             'n'},
+            {"response codes",
+             {header(1, 0), header(3, 0), header(4, 0), header(5, 0), header(2, 0), ok},
+             [](zrui_conn *h) {
+                 return QStringList{code(zrui_pin_retry(h, 1)),   code(zrui_pin_show(h, 1)),
+                                    code(zrui_pin_retry(h, 1)),   code(zrui_pin_finish(h)),
+                                    code(zrui_waiting_finish(h)), listSel(h)};
+             },
+             {code(ZRUI_E_CANCEL), code(ZRUI_E_STATE), code(ZRUI_E_NORESULT), code(ZRUI_E_TOKEN),
+              code(ZRUI_E_PROTO), code(ZRUI_E_PROTO) + " -5"},
+             QByteArray(),
+             'n'},
+            {"waits poll until an answer",
+             {none, none, header(0, quint32(pin2.size())) + pin2, none, header(UI_USER_CANCEL, 0)},
+             [](zrui_conn *h) {
+                 return QStringList{pinGet(h, 10000), listSel(h, 10000)};
+             },
+             {"0 ab/cde", code(ZRUI_E_CANCEL) + " -5"},
+             header(REQ_PIN_GetPIN, 0).repeated(3) + header(REQ_List_GetSel, 0).repeated(2),
+             'n'},
+    };
+    for (const auto &r : rows) {
+        ScriptedServer server;
+        zrui_conn *h = server.ok ? server.run(r.replies, r.mode) : nullptr;
+        QVERIFY2(h, r.name);
+        const QStringList results = r.calls(h);
+        server.finish();
+        QVERIFY2(server.piecesOk, r.name);
+        QCOMPARE(results, r.results);
+        QVERIFY2(r.sent.isEmpty() || server.received == r.sent, r.name);
+    }
 }
 
 QTEST_APPLESS_MAIN(TestClient)
