@@ -28,64 +28,28 @@ void TestIsValidPIN::testLevel_data()
     QTest::addColumn<QString>("pin");
     QTest::addColumn<int>("level");
 
-    struct Row
+    // Level 0: length out of bounds; 2: forbidden pattern (repetition, straight run, walk along
+    // the two fixed keyboard rows); 3-5: weak, normal, high by character classes.
+    const struct
     {
-        int min;
-        const char *pin;
-        int level;
-    };
-    static const Row rows[] = {
-            {6, "111111", 2},
-            {6, "123456", 2},
-            {6, "654321", 2},
-            {6, "fedcba", 2},
-            {6, "abcdef", 2},
-            {6, "qwerty", 2},
-            {6, "QWERTY", 2},
-            {6, "zxcvbn", 2},
-            {6, "1234567890-=", 2},
-            {6, "90-=\\qwe", 2},
-            {6, "op[]asd", 2},
-            {6, "kl;'zxc", 2},
-            {6, "JKL:\"ZXC", 2},
-            {6, "!@#$%^&*()_+|", 2},
-            {6, " qwert", 2},
-            {6, "\xE4\xB8\xADqwert", 2},
-            {6, "qwe\xE4\xB8\xADrt", 4},
-            {6, "789:;<", 2},
-            {6, "qw ert", 4},
-            {6, "qwerty!", 4},
-            {6, "m,./!@", 4},
-            {6, "zxcvbnm,./", 2},
-            {6, "m,./z1", 5},
-            {6, "890123", 3},
-            {6, "banana", 3},
-            {6, "BANANA", 3},
-            {6, "#!#!#!", 3},
-            {6, "a1b2c3", 4},
-            {6, "aB3xY9", 5},
-            {6, "aB3#Y9", 5},
-            {6, "12345", 0},
-            {6, "aB3#Y", 0},
-            {6, "", 0},
-            {6, "aaaaaaaaaaaaaaaa", 2},
-            // With a lower bound of 1 short strings reach the pattern checks.
-            {1, "qwe1", 4},
-            {1, "qwe", 2},
-            {1, "=\\q", 2},
-            {1, "[]a", 2},
-            {1, "'z", 2},
-            {1, "'x", 4},
-            {1, "/,", 3},
-            {1, "/.", 2},
-            {1, "?!", 3},
-            {1, "1!", 4},
-            {1, "a", 2},
-            {1, "zz", 2},
-            {1, "ac", 3},
-    };
-    for (const Row &r : rows)
-        QTest::addRow("%d: '%s'", r.min, r.pin) << r.min << QString::fromUtf8(r.pin) << r.level;
+        int min, level;
+        QStringList pins;
+    } groups[] = {{6, 0, {"12345", "aB3#Y", ""}},
+                  {6,
+                   2,
+                   {"111111", "123456", "654321", "fedcba", "abcdef", "qwerty", "QWERTY", "zxcvbn",
+                    "1234567890-=", "90-=\\qwe", "op[]asd", "kl;'zxc", "JKL:\"ZXC", "!@#$%^&*()_+|",
+                    " qwert", "中qwert", "789:;<", "zxcvbnm,./", "aaaaaaaaaaaaaaaa"}},
+                  {6, 3, {"890123", "banana", "BANANA", "#!#!#!"}},
+                  {6, 4, {"qwe中rt", "qw ert", "qwerty!", "m,./!@", "a1b2c3"}},
+                  {6, 5, {"m,./z1", "aB3xY9", "aB3#Y9"}},
+                  // With a lower bound of 1 short strings reach the pattern checks.
+                  {1, 2, {"qwe", "=\\q", "[]a", "'z", "/.", "a", "zz"}},
+                  {1, 3, {"/,", "?!", "ac"}},
+                  {1, 4, {"qwe1", "'x", "1!"}}};
+    for (const auto &g : groups)
+        for (const QString &pin : g.pins)
+            QTest::addRow("%d: '%s'", g.min, qPrintable(pin)) << g.min << pin << g.level;
 }
 
 void TestIsValidPIN::testLevel()
