@@ -56,6 +56,12 @@ function(zrui_add_test)
   list(APPEND env ${ZRUI_SANITIZER_ENV})
   list(APPEND env ${T_ENV})
   set_tests_properties(${T_NAME} PROPERTIES TIMEOUT ${T_TIMEOUT} ENVIRONMENT "${env}")
+  # Every real server a test starts writes /tmp/uilog.txt, and so does an
+  # in-process coordinator: a test that reads the log while another one
+  # writes it sees foreign lines. Whatever links the test support takes the lock.
+  if("zrui_testsupport" IN_LIST T_LIBS AND NOT "uilog" IN_LIST T_LOCKS)
+    list(APPEND T_LOCKS uilog)
+  endif()
   if(T_LOCKS)
     set_tests_properties(${T_NAME} PROPERTIES RESOURCE_LOCK "${T_LOCKS}")
   endif()

@@ -83,6 +83,12 @@ void TestClientKit::testStep()
     QFETCH(QStringList, args);
     QFETCH(int, exitCode);
     QFETCH(QByteArray, output);
+#ifdef ZRUI_SANITIZED
+    // The example is an ordinary program; the staged library of a sanitizer build needs the
+    // sanitizer runtime loaded first. The normal build runs these rows.
+    if (QFileInfo(program).fileName().startsWith(QLatin1String("verify_pin")))
+        QSKIP("the example is not built with the sanitizer runtime its library needs");
+#endif
     QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("DESTDIR"), Stage);

@@ -45,11 +45,15 @@ void TestSocketActivation::testHandOver()
     QProcess activator;
     activator.setWorkingDirectory(server.workDir());
     activator.setProcessChannelMode(QProcess::MergedChannels);
-    // It hands the started program only the variables named with -E.
-    activator.start(QStringLiteral("systemd-socket-activate"),
-                    {QStringLiteral("-E"), QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("-E"),
-                     QStringLiteral("LC_ALL"), QStringLiteral("-l"),
-                     QLatin1Char('@') + activatedName, server.executablePath()});
+    QStringList args;
+    // It hands the started program only the variables named with -E (the
+    // sanitizer settings too, or their suppressions are lost).
+    for (const char *name : {"QT_QPA_PLATFORM", "LC_ALL", "ASAN_OPTIONS", "LSAN_OPTIONS",
+                             "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+        if (qEnvironmentVariableIsSet(name))
+            args << QStringLiteral("-E") << QString::fromLatin1(name);
+    args << QStringLiteral("-l") << QLatin1Char('@') + activatedName << server.executablePath();
+    activator.start(QStringLiteral("systemd-socket-activate"), args);
     QVERIFY(activator.waitForStarted(10000));
     QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(activatedName), 10000);
     // Not started yet (other tests' servers may log their own names meanwhile).
