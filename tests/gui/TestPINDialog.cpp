@@ -130,6 +130,9 @@ private slots:
                 order << e->objectName();
             }
         }
+        QEvent languageChange(QEvent::LanguageChange); // relabelling keeps the type's label
+        QApplication::sendEvent(dlg.get(), &languageChange);
+        QVERIFY(!hasOld || child<QLabel>(dlg.get(), "label_oldPin")->text() == oldLabel);
         QCOMPARE(kbButton(dlg.get(), false)->isVisible(), !hasNew);
         QCOMPARE(kbButton(dlg.get(), true)->isVisible(), hasNew);
         order << kbButton(dlg.get(), hasNew)->objectName() << "pushButton_OK"
@@ -304,7 +307,11 @@ private slots:
         QVERIFY(!panel->isVisible());
         QCOMPARE(dlg->frameGeometry().height(), before.height());
         QVERIFY(scale > 1 || dlg->frameGeometry().y() == y);
+        // Near the screen's bottom, the grown window is moved back inside the screen.
+        const QRect area = dlg->screen()->availableGeometry();
+        dlg->move(dlg->x(), area.bottom() - dlg->frameGeometry().height());
         kbButton(dlg.get(), true)->setChecked(true);
+        QVERIFY(scale > 1 || area.contains(dlg->frameGeometry()));
         QLineEdit *newPin = edit(dlg.get(), "lineEdit_newPin");
         QLineEdit *confirmPin = edit(dlg.get(), "lineEdit_confirmPin");
         newPin->setFocus();
@@ -360,13 +367,14 @@ private slots:
     }
 
     // The comment line keeps a 4.5:1 contrast on a light and a dark palette, and good news is
-    // not drawn in the error colour.
+    // not drawn in the error colour; each strength has its own comment.
     void testCommentReadable()
     {
         const QPalette light = QApplication::palette();
         for (const QPalette &palette : {light, QPalette(QColor(0x35, 0x35, 0x35))}) {
             QApplication::setPalette(palette);
-            for (const char *pin : {"Ab1xY9z!", "abcxyz17", "qazplm", "aaaaaa", "ab"}) {
+            QSet<QString> texts; // one comment per strength
+            for (const char *pin : {"Ab1xY9z!", "abcxyz17", "qazplm", "ab"}) {
                 PINDialog dlg(PINDialog::SimpleKeyBoard, false, 2, &fake, 1.0f);
                 edit(&dlg, "lineEdit_newPin")->setText(pin);
                 auto *comments = child<QLabel>(&dlg, "label_comments");
@@ -376,8 +384,10 @@ private slots:
                 QVERIFY2((qMax(a, b) + 0.05) / (qMin(a, b) + 0.05) >= 4.5, pin);
                 const bool good = QByteArray(pin).size() > 6; // the two strong enough ones
                 QCOMPARE(text.hslHue() == 0 && text.hslSaturation() > 128, !good);
-                QVERIFY(!comments->text().isEmpty());
+                texts << comments->text();
             }
+            QVERIFY2(texts.size() == 4 && !texts.contains(QString()),
+                     qPrintable(texts.values().join(" / ")));
         }
         QApplication::setPalette(light);
     }
