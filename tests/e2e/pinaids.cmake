@@ -10,8 +10,8 @@ if(X11_FOUND AND X11_Xkb_FOUND)
   target_link_libraries(TestPinFieldAids PRIVATE X11::X11)
   add_test(NAME TestPinFieldAids_xcb
     COMMAND xvfb-run -a $<TARGET_FILE:TestPinFieldAids> testCapsLockHint testShowToggle)
-  set_tests_properties(TestPinFieldAids_xcb PROPERTIES TIMEOUT 120
-    ENVIRONMENT "LANG=C.UTF-8;LC_ALL=C.UTF-8;QT_QPA_PLATFORM=xcb")
+  set(_aids_env LANG=C.UTF-8 LC_ALL=C.UTF-8 QT_QPA_PLATFORM=xcb ${ZRUI_SANITIZER_ENV})
+  set_tests_properties(TestPinFieldAids_xcb PROPERTIES TIMEOUT 120 ENVIRONMENT "${_aids_env}")
 endif()
 # Under Wayland (weston's headless back end, where installed): the dialogs
 # work and activation is asked for once, never in a loop.
@@ -20,6 +20,6 @@ if(ZRUI_WESTON)
   add_test(NAME TestPinFieldAids_wayland
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/with-weston.sh $<TARGET_FILE:TestPinFieldAids>
             testTabOrderAndKeyboardTyping testShowToggle testActivationRequestedOnce)
-  set_tests_properties(TestPinFieldAids_wayland PROPERTIES TIMEOUT 120
-    ENVIRONMENT "LANG=C.UTF-8;LC_ALL=C.UTF-8")
+  set(_aids_env LANG=C.UTF-8 LC_ALL=C.UTF-8 ${ZRUI_SANITIZER_ENV})
+  set_tests_properties(TestPinFieldAids_wayland PROPERTIES TIMEOUT 120 ENVIRONMENT "${_aids_env}")
 endif()
