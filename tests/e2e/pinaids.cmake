@@ -15,8 +15,10 @@ if(X11_FOUND AND X11_Xkb_FOUND)
 endif()
 # Under Wayland (weston's headless back end, where installed): the dialogs
 # work and activation is asked for once, never in a loop.
+# Not in sanitizer builds: Qt's Wayland client stack leaks at exit from a
+# module that is unloaded by then, which no suppression can name.
 find_program(ZRUI_WESTON weston)
-if(ZRUI_WESTON)
+if(ZRUI_WESTON AND NOT ZRUI_SANITIZED)
   add_test(NAME TestPinFieldAids_wayland
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/with-weston.sh $<TARGET_FILE:TestPinFieldAids>
             testTabOrderAndKeyboardTyping testShowToggle testActivationRequestedOnce)
