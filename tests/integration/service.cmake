@@ -1,9 +1,8 @@
 # The request service over real sockets: the real FIFO_Service in a thread of
 # its own, FakeUiStatus behind it, the stand-in device library bound through
 # the real loader, clients through the client library.
-add_library(zrui_service_harness STATIC
-  ${CMAKE_CURRENT_SOURCE_DIR}/ServiceHarness.h ${CMAKE_CURRENT_SOURCE_DIR}/ServiceHarness.cpp
-  ${CMAKE_CURRENT_SOURCE_DIR}/SignalRecorder.h ${CMAKE_CURRENT_SOURCE_DIR}/SignalRecorder.cpp)
+add_library(zrui_service_harness STATIC ${CMAKE_CURRENT_SOURCE_DIR}/ServiceHarness.h
+                                        ${CMAKE_CURRENT_SOURCE_DIR}/ServiceHarness.cpp)
 target_include_directories(zrui_service_harness PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
 target_link_libraries(zrui_service_harness PUBLIC zrui_service zrui_testsupport zrui_client
                                                   Qt5::Test zrui_common)
@@ -16,17 +15,13 @@ if(ZRUI_TSAN)
   set(_svc_tsan_env
       "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/service-tsan.supp halt_on_error=0 exitcode=66")
 endif()
+# Also writes /tmp/uilog.txt.
+zrui_add_test(NAME TestService SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestService.cpp
+  LIBS zrui_service_harness LOCKS uilog TIMEOUT 300 ENV ${_svc_tsan_env})
 
-zrui_add_test(NAME TestServiceProtocol
-  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServiceProtocol.cpp
-  LIBS zrui_service_harness TIMEOUT 300 ENV ${_svc_tsan_env})
-# Reads and clears /tmp/uilog.txt.
-zrui_add_test(NAME TestServiceSecurity
-  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServiceSecurity.cpp
-  LIBS zrui_service_harness LOCKS uilog TIMEOUT 120 ENV ${_svc_tsan_env})
-
-# The service inside the real executable: second instance, keep-alive.
-zrui_add_test(NAME TestServiceProcess
-  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServiceProcess.cpp
+# The real executable as a process: second instance, idle exit, socket
+# activation (systemd-socket-activate), memory locking, no core dump.
+zrui_add_test(NAME TestServerProcess
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServerProcess.cpp
   LIBS zrui_testsupport zrui_client LOCKS uilog TIMEOUT 180)
-add_dependencies(TestServiceProcess ZRUIServer zrui_tokensim zrui_resources zrui_test_resources)
+add_dependencies(TestServerProcess ZRUIServer zrui_tokensim zrui_resources zrui_test_resources)
