@@ -37,6 +37,9 @@ void captureHandler(QtMsgType type, const QMessageLogContext &context, const QSt
         printlogtofile(type, context, message);
 }
 
+QString text(const QString &s) { return s; }
+QString text(unsigned long v) { return QString::number(v); }
+
 } // namespace
 
 ServiceHarness::~ServiceHarness()
@@ -122,54 +125,41 @@ bool ServiceHarness::start(const QString &appName, bool expectFailure)
     QCoreApplication::setApplicationName(appName);
     service = new FIFO_Service(&fake, nullptr);
     // Recorded directly, in the service thread, in emission order.
-    const auto add = [this](const QString &e) {
-        std::lock_guard<std::mutex> lock(eventMutex);
-        recorded << e;
-    };
-    const auto plain = [&](void (FIFO_Service::*signal)(), const char *text) {
+    const auto rec = [this](auto signal, const char *name) {
         QObject::connect(
-                service, signal, &fake, [add, text] { add(QLatin1String(text)); },
+                service, signal, &fake,
+                [this, name](auto... args) {
+                    const QStringList parts{text(args)...};
+                    std::lock_guard<std::mutex> lock(eventMutex);
+                    recorded << QStringLiteral("%1(%2)").arg(QLatin1String(name), parts.join('|'));
+                },
                 Qt::DirectConnection);
     };
-    plain(&FIFO_Service::start_pipe_failed, "start_pipe_failed()");
-    plain(&FIFO_Service::pipe_comm_failed, "pipe_comm_failed()");
-    plain(&FIFO_Service::startExitTimer, "startExitTimer()");
-    plain(&FIFO_Service::stopExitTimer, "stopExitTimer()");
-    plain(&FIFO_Service::hide_waiting_dialog, "hide_waiting_dialog()");
-    plain(&FIFO_Service::hide_pin_dialog, "hide_pin_dialog()");
-    plain(&FIFO_Service::hide_list_dialog, "hide_list_dialog()");
-    plain(&FIFO_Service::hide_message_dialog, "hide_message_dialog()");
-    const auto direct = Qt::DirectConnection;
-    QObject::connect(
-            service, &FIFO_Service::show_list_dialog, &fake,
-            [add](unsigned long p, const QString &t) {
-                add(QStringLiteral("show_list_dialog(%1|%2)").arg(p).arg(t));
-            },
-            direct);
+    rec(&FIFO_Service::start_pipe_failed, "start_pipe_failed");
+    rec(&FIFO_Service::pipe_comm_failed, "pipe_comm_failed");
+    rec(&FIFO_Service::startExitTimer, "startExitTimer");
+    rec(&FIFO_Service::stopExitTimer, "stopExitTimer");
+    rec(&FIFO_Service::hide_waiting_dialog, "hide_waiting_dialog");
+    rec(&FIFO_Service::hide_pin_dialog, "hide_pin_dialog");
+    rec(&FIFO_Service::hide_list_dialog, "hide_list_dialog");
+    rec(&FIFO_Service::hide_message_dialog, "hide_message_dialog");
+    rec(&FIFO_Service::show_list_dialog, "show_list_dialog");
+    rec(&FIFO_Service::show_message_dialog, "show_message_dialog");
+    rec(&FIFO_Service::show_waiting_dialog, "show_waiting_dialog");
+    rec(&FIFO_Service::show_pin_dialog, "show_pin_dialog");
     QObject::connect(
             service, &FIFO_Service::show_message_dialog, &fake,
-            [add, this](const QString &title, const QString &text, unsigned long type) {
-                add(QStringLiteral("show_message_dialog(%1|%2|%3)").arg(title, text).arg(type));
+            [this] {
                 if (autoMsgAnswer.load() != NoAutoAnswer)
                     fake.SetMsgStatus(autoMsgAnswer.load());
             },
-            direct);
-    QObject::connect(
-            service, &FIFO_Service::show_waiting_dialog, &fake,
-            [add](const QString &t, unsigned long type) {
-                add(QStringLiteral("show_waiting_dialog(%1|%2)").arg(t).arg(type));
-            },
-            direct);
-    QObject::connect(
-            service, &FIFO_Service::show_pin_dialog, &fake,
-            [add](unsigned long type) { add(QStringLiteral("show_pin_dialog(%1)").arg(type)); },
-            direct);
+            Qt::DirectConnection);
     // The service thread's last act: the release/acquire pair shows
     // ThreadSanitizer its work is over before the service is deleted.
     threadDone = false;
     QObject::connect(
             &thread, &QThread::finished, &fake,
-            [this] { threadDone.store(true, std::memory_order_release); }, direct);
+            [this] { threadDone.store(true, std::memory_order_release); }, Qt::DirectConnection);
     service->moveToThread(&thread);
     thread.start();
     running = true;
