@@ -86,9 +86,6 @@ private slots:
     }
     void cleanupTestCase() { QVERIFY(harness.stop()); }
 
-    void testPinResult();
-    void testListSelection_data();
-    void testListSelection();
     void testRequestSplitOverThreeWrites();
     void testRequestDropped_data();
     void testRequestDropped();
@@ -99,7 +96,6 @@ private slots:
     void testDisconnectMidSession();
     void testMessageBoxLayout_data();
     void testMessageBoxLayout();
-    void testMessageBoxWaitsForUser();
     void testSecondService_data();
     void testSecondService();
     void testPinResultRedactedInLog();
@@ -114,61 +110,6 @@ private:
     QTemporaryDir tempDir;
     ServiceHarness harness;
 };
-
-void TestService::testPinResult()
-{
-    TestClient client;
-    QVERIFY(begin(client));
-    QCOMPARE(client.ask(REQ_PIN_Show, u32(2)), quint32(UI_OK));
-    QCOMPARE(client.ask(REQ_PIN_GetPIN), quint32(UI_NO_RESULT));
-    harness.fake.SetPINStatus(0, nullptr, 0);
-    QByteArray out;
-    QCOMPARE(client.ask(REQ_PIN_GetPIN, {}, &out), quint32(UI_USER_CANCEL));
-    QCOMPARE(out.size(), 0);
-    harness.fake.SetPINStatus(-1, nullptr, 0);
-    const int mark = ServiceHarness::logMark();
-    zrui_pin_result pin;
-    QCOMPARE(zrui_pin_wait(client.handle(), 150, 20, &pin), ZRUI_E_TIMEOUT);
-    QVERIFY(ServiceHarness::countLog(S("REQ_PIN_GetPIN "), mark, true) >= 2);
-}
-
-void TestService::testListSelection_data()
-{
-    QTest::addColumn<int>("status");
-    QTest::addColumn<int>("index");
-    QTest::addColumn<quint32>("response");
-    QTest::addColumn<QByteArray>("data");
-    QTest::newRow("chosen row 7") << 1 << 7 << quint32(UI_OK) << QByteArray::fromHex("07000000");
-    QTest::newRow("cancelled") << 0 << 0 << quint32(UI_USER_CANCEL) << QByteArray();
-    QTest::newRow("pending") << -1 << 0 << quint32(UI_NO_RESULT) << QByteArray();
-}
-
-void TestService::testListSelection()
-{
-    QFETCH(int, status);
-    QFETCH(int, index);
-    QFETCH(quint32, response);
-    QFETCH(QByteArray, data);
-    TestClient client;
-    QVERIFY(begin(client));
-    const int ev = harness.eventCount();
-    QCOMPARE(client.ask(REQ_List_Show, u32(0) + cstr("alpha|beta")), quint32(UI_OK));
-    QTRY_COMPARE(harness.events(ev), QStringList(S("show_list_dialog(0|alpha|beta)")));
-    QCOMPARE(harness.fake.listStatusValue(), -1);
-
-    harness.fake.SetListSelectStatus(status, index);
-    const int mark = ServiceHarness::logMark();
-    QByteArray out;
-    QCOMPARE(client.ask(REQ_List_GetSel, {}, &out), response);
-    QCOMPARE(out.toHex(), data.toHex());
-    // One write of the whole response, dumped in hex (an earlier "Sended" may trail the mark).
-    const QByteArray wire = u32(response) + u32(quint32(data.size())) + data;
-    const QString sent = S("SendBuff: Send \"%1\"").arg(QString::fromLatin1(wire.toHex()));
-    const auto sends = [mark] { return linesFrom(mark, S("SendBuff: Send")); };
-    QTRY_COMPARE(sends().mid(sends().indexOf(sent), 2),
-                 QStringList({sent, S("SendBuff: Sended writelen= %1").arg(wire.size())}));
-    QCOMPARE(linesFrom(mark, S("SendBuff: Send ")), QStringList(sent));
-}
 
 void TestService::testRequestSplitOverThreeWrites()
 {
@@ -346,29 +287,11 @@ void TestService::testMessageBoxLayout()
     QTRY_COMPARE(harness.events(ev), QStringList(S("show_message_dialog(%1|16909060)").arg(shown)));
 }
 
-void TestService::testMessageBoxWaitsForUser()
-{
-    TestClient client;
-    QVERIFY(begin(client));
-    const int ev = harness.eventCount();
-    const int mark = ServiceHarness::logMark();
-    QVERIFY(client.sendRaw(TestClient::packet(REQ_MessageBox, u32(3) + cstr("T") + cstr("wait"))));
-    QTRY_COMPARE(harness.events(ev), QStringList(S("show_message_dialog(T|wait|3)")));
-    QVERIFY(ServiceHarness::waitForLog(S("wait for the message answer, msgStatus= -1"), mark, 3));
-    QVERIFY(!client.waitReadable(0));
-    harness.fake.SetMsgStatus(0);
-    quint32 resp = 0xdead;
-    QVERIFY(client.readResponse(&resp, nullptr));
-    QCOMPARE(resp, quint32(UI_OK));
-    QCOMPARE(client.ask(REQ_EndSession), quint32(UI_OK));
-}
-
 void TestService::testSecondService_data()
 {
-    QTest::addColumn<int>("nameLength"); // of name + uid; 0: the running service's name
+    QTest::addColumn<int>("nameLength"); // of name + uid
     QTest::newRow("106 bytes") << 106;
     QTest::newRow("107 bytes") << 107;
-    QTest::newRow("same name") << 0;
 }
 
 void TestService::testSecondService()
@@ -377,9 +300,7 @@ void TestService::testSecondService()
     const bool listens = nameLength == 106;
     const QString uid = QString::number(getuid());
     const QString prefix = ServiceHarness::uniqueAppName(S("long"));
-    const QString app = nameLength == 0
-                                ? harness.appName()
-                                : prefix + QString(nameLength - uid.size() - prefix.size(), 'x');
+    const QString app = prefix + QString(nameLength - uid.size() - prefix.size(), 'x');
     const int mark = ServiceHarness::logMark();
     ServiceHarness other;
     QVERIFY(other.start(app, !listens));
@@ -391,8 +312,7 @@ void TestService::testSecondService()
     } else {
         const QStringList lines = ServiceHarness::logSince(mark);
         QCOMPARE(lines.count(S("bind() failed")), 1);
-        if (nameLength > 0)
-            QCOMPARE(lines.value(lines.indexOf(S("bind() failed")) - 1), S("makeAddr() failed"));
+        QCOMPARE(lines.value(lines.indexOf(S("bind() failed")) - 1), S("makeAddr() failed"));
         QTRY_COMPARE(other.events(0, true),
                      QStringList({S("startExitTimer()"), S("start_pipe_failed()")}));
     }
