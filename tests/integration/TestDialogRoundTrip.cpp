@@ -16,7 +16,6 @@
 #include <QPointer>
 #include <QPushButton>
 #include <QResource>
-#include <QTemporaryDir>
 #include <QTranslator>
 #include <QtTest>
 
@@ -124,7 +123,7 @@ class TestDialogRoundTrip : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir sandbox;
+    ServerLauncher sandbox; // its files, not its process
     QString savedCwd;
     QTranslator english, chinese;
     std::unique_ptr<UI_Service> ui;
@@ -203,29 +202,20 @@ class TestDialogRoundTrip : public QObject
 private slots:
     void initTestCase()
     {
-        // Socket name = application name + uid: unique per run.
-        QCoreApplication::setApplicationName(
-                QStringLiteral("TestDialogRoundTrip%1x").arg(QCoreApplication::applicationPid()));
-        const QString binDir = qEnvironmentVariable("ZRUI_BIN_DIR");
-        QVERIFY(sandbox.isValid() && !binDir.isEmpty());
-        for (const char *name : {"resources.rcc", "integrityprotect.ini"})
-            QVERIFY2(QFile::copy(binDir + "/" + name, sandbox.filePath(name)), name);
-        for (const auto &file :
-             {qMakePair(QString("ZRUIConf.ini"), "SAFEPATH=" + qgetenv("ZRUI_TOKENSIM_DIR") + "\n"),
-              qMakePair(QString("tokensim.ini"),
-                        QByteArray("[pin]\nmin=6\nmax=16\n[token]\npresent=1\n"))}) {
-            QFile f(sandbox.filePath(file.first));
-            QVERIFY(f.open(QIODevice::WriteOnly) && f.write(file.second) == file.second.size());
-        }
-        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(sandbox.filePath("tokensim.ini")));
-        QVERIFY(QResource::registerResource(sandbox.filePath("resources.rcc"), QString()));
+        QVERIFY2(sandbox.prepare()
+                         && sandbox.writeFile("bin/tokensim.ini",
+                                              "[pin]\nmin=6\nmax=16\n[token]\npresent=1\n"),
+                 qPrintable(sandbox.errorString()));
+        QCoreApplication::setApplicationName(sandbox.appName()); // a socket name of its own
+        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(sandbox.binDir() + "/tokensim.ini"));
+        QVERIFY(QResource::registerResource(sandbox.binDir() + "/resources.rcc"));
         QVERIFY(english.load(":/uiserver.en.qm", QString(), QString(), QString())
                 && !english.isEmpty());
         QVERIFY(chinese.load(":/uiserver.zh_CN.qm", QString(), QString(), QString())
                 && !chinese.isEmpty());
         QVERIFY(QCoreApplication::installTranslator(&english));
         savedCwd = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(sandbox.path()));
+        QVERIFY(QDir::setCurrent(sandbox.binDir()));
         qInstallMessageHandler(captureMessage);
     }
 

@@ -167,6 +167,8 @@ void TestReliability::testOpenWindowKeepsConnection_data()
             << packet(REQ_Waiting_Finish) << quint32(UI_OK);
     QTest::newRow("unanswered PIN dialog")
             << packet(REQ_PIN_Show, u32(0)) << packet(REQ_PIN_GetPIN) << quint32(UI_NO_RESULT);
+    QTest::newRow("unanswered list") << packet(REQ_List_Show, u32(0) + QByteArray("a|b", 4))
+                                     << packet(REQ_List_GetSel) << quint32(UI_NO_RESULT);
 }
 
 // Silent while its window is up, a client keeps its connection well past the
