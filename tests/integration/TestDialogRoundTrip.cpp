@@ -20,10 +20,9 @@
 #include <QtTest>
 
 #include <atomic>
+#include <future>
 #include <memory>
 #include <mutex>
-#include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -32,58 +31,37 @@ const int kDeadlineMs = 10000;
 
 QByteArray u32(quint32 v) { return QByteArray(reinterpret_cast<const char *>(&v), 4); }
 
-struct Reply
-{
-    int rc = ZRUI_E_IO;
-    quint32 resp = 0xFFFFFFFFu;
-    QByteArray data;
-    // "rc resp hex", compared as one text so a failure shows all three.
-    QByteArray text() const
-    {
-        return QByteArray::number(rc) + ' ' + QByteArray::number(resp) + ' ' + data.toHex();
-    }
-};
-
+// "rc resp hex" of one request, compared as one text so a failure shows all three.
 QByteArray expect(quint32 resp, const char *hex = "")
 {
-    return Reply{ZRUI_OK, resp, QByteArray::fromHex(hex)}.text();
+    return QByteArray::number(ZRUI_OK) + ' ' + QByteArray::number(resp) + ' '
+           + QByteArray::fromHex(hex).toHex();
 }
 
-// One request on a worker thread while the GUI thread runs its event loop; if
-// no answer comes, take() shuts the socket down: a failure never hangs.
-class PendingRequest
+// One request on a worker thread while the GUI thread runs its event loop; the
+// connection's time-out ends it if nobody answers, so a failure never hangs.
+std::future<QByteArray> request(zrui_conn *conn, quint32 op, const QByteArray &data)
 {
-public:
-    PendingRequest(zrui_conn *conn, quint32 op, const QByteArray &data)
-        : fd(zrui_fd(conn))
-        , worker([this, conn, op, data] {
-            QByteArray out(COMMPACK_MAX_DATA, '\0');
-            uint32_t outLen = 0;
-            reply.rc = zrui_request(conn, op, data.constData(), uint32_t(data.size()), &reply.resp,
-                                    out.data(), uint32_t(out.size()), &outLen);
-            reply.data = out.left(int(outLen));
-            finished.store(true, std::memory_order_release);
-        })
-    { }
-    ~PendingRequest() { take(); }
-    bool isFinished() const { return finished.load(std::memory_order_acquire); }
-    Reply take()
-    {
-        (void)QTest::qWaitFor([this] { return isFinished(); }, kDeadlineMs);
-        if (worker.joinable()) {
-            if (!isFinished())
-                ::shutdown(fd, SHUT_RDWR);
-            worker.join();
-        }
-        return reply;
-    }
+    return std::async(std::launch::async, [=] {
+        QByteArray out(COMMPACK_MAX_DATA, '\0');
+        uint32_t resp = ~0u, len = 0;
+        const int rc = zrui_request(conn, op, data.constData(), uint32_t(data.size()), &resp,
+                                    out.data(), uint32_t(out.size()), &len);
+        return QByteArray::number(rc) + ' ' + QByteArray::number(resp) + ' '
+               + out.left(int(len)).toHex();
+    });
+}
 
-private:
-    int fd;
-    Reply reply;
-    std::atomic<bool> finished{false};
-    std::thread worker;
-};
+bool ready(const std::future<QByteArray> &f)
+{
+    return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+QByteArray result(std::future<QByteArray> f)
+{
+    (void)QTest::qWaitFor([&] { return ready(f); }, 2 * kDeadlineMs);
+    return f.get();
+}
 
 // Everything logged while a test runs, to prove that PIN bytes never show.
 std::mutex g_logMutex;
@@ -132,12 +110,13 @@ class TestDialogRoundTrip : public QObject
 
     QByteArray call(quint32 op, const QByteArray &data = QByteArray())
     {
-        return PendingRequest(conn, op, data).take().text();
+        return result(request(conn, op, data));
     }
 
     bool beginSession()
     {
         return zrui_open(qPrintable(QCoreApplication::applicationName()), &conn) == ZRUI_OK
+               && zrui_set_timeout(conn, kDeadlineMs) == ZRUI_OK
                && call(REQ_BeginSession, QByteArray(10, '\0')) == expect(UI_OK);
     }
 
@@ -155,11 +134,11 @@ class TestDialogRoundTrip : public QObject
     void answerBox(quint32 op, const QByteArray &data, const QString &title, const QString &text,
                    bool okOnly, const char *button, quint32 resp)
     {
-        PendingRequest request(conn, op, data);
+        std::future<QByteArray> pending = request(conn, op, data);
         QTRY_VERIFY_WITH_TIMEOUT(
                 ui->currentMessageDialog() && ui->currentMessageDialog()->isVisible(), kDeadlineMs);
         QPointer<MessageDialog> box = ui->currentMessageDialog();
-        QVERIFY(!request.isFinished());
+        QVERIFY(!ready(pending));
         QCOMPARE(box->windowTitle(), title);
         QVERIFY(child<QLabel>(box, "label_message"));
         QCOMPARE(child<QLabel>(box, "label_message")->text(), text);
@@ -172,7 +151,7 @@ class TestDialogRoundTrip : public QObject
             QTest::mouseClick(child<QPushButton>(box, button), Qt::LeftButton);
         else
             box->close();
-        QCOMPARE(request.take().text(), expect(resp));
+        QCOMPARE(result(std::move(pending)), expect(resp));
         QTRY_VERIFY_WITH_TIMEOUT(box.isNull() && !ui->currentMessageDialog(), kDeadlineMs);
     }
 
