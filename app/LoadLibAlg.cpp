@@ -23,15 +23,6 @@ ZRUI_CALLED_ENTRY_POINT_TYPES(ZRUI_REAL_TYPE)
 
 void *hSOModule = nullptr;
 
-// DEEPBIND: the algorithm library carries its own crypto code and must bind
-// to it, not to a same-named symbol already loaded into this process. The
-// sanitizer runtimes abort on RTLD_DEEPBIND, so sanitizer builds go without.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int ALG_DLOPEN_MODE = RTLD_LAZY;
-#else
-constexpr int ALG_DLOPEN_MODE = RTLD_LAZY | RTLD_DEEPBIND;
-#endif
-
 } // namespace
 
 // One global pointer per entry point, named like the entry point.
@@ -44,7 +35,7 @@ int LoadLib_Alg(long, char *dir)
 #define ZRUI_ENTRY(name) {#name, &name},
     static const TokenLibEntry entries[] = {ZRUI_ZRALG_ENTRY_POINTS(ZRUI_ENTRY)};
 #undef ZRUI_ENTRY
-    return bindTokenLib(&hSOModule, dir, "libzralg.so", ALG_DLOPEN_MODE, entries,
+    return bindTokenLib(&hSOModule, dir, "libzralg.so", ZRUI_ALG_DLOPEN_MODE, entries,
                         int(sizeof(entries) / sizeof(entries[0])));
 }
 

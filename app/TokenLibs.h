@@ -12,6 +12,17 @@
  */
 
 #include <cstdint>
+#include <dlfcn.h>
+
+// How the algorithm library is opened. DEEPBIND: it carries its own crypto
+// code and must bind to it, not to a same-named symbol already loaded into
+// this process. The sanitizer runtimes abort on RTLD_DEEPBIND, so sanitizer
+// builds (ZRUI_SANITIZED, set by the build) go without.
+#ifdef ZRUI_SANITIZED
+#define ZRUI_ALG_DLOPEN_MODE RTLD_LAZY
+#else
+#define ZRUI_ALG_DLOPEN_MODE (RTLD_LAZY | RTLD_DEEPBIND)
+#endif
 
 // Entry point lists, in binding order. Keep them exactly as they are: the
 // order decides which name is reported missing first.

@@ -28,6 +28,10 @@ int main(int argc, char *argv[])
 
     QApplication app(argc, argv);
     qInstallMessageHandler(printlogtofile);
+    // Deliberate departure: no window close ever ends the process. The dialogs
+    // come and go with the requests; the process ends only on a start-up
+    // failure, a failed listen, the keep-alive or StopPipeListening().
+    QApplication::setQuitOnLastWindowClosed(false);
 
     qDebug() << QProcessEnvironment::systemEnvironment().toStringList();
 

@@ -8,12 +8,14 @@ PACKAGES=(
   qtbase5-dev qtbase5-dev-tools qttools5-dev qttools5-dev-tools qt5-gtk-platformtheme
   libqt5svg5
   libssl-dev openssl
-  xvfb xauth xdotool x11-utils
+  xvfb xauth xdotool x11-utils openbox libxcb1-dev
+  dbus-daemon at-spi2-core python3-pyatspi
   fonts-noto-cjk fonts-dejavu-core
   util-linux
   libsystemd-dev systemd
   debhelper dpkg-dev lintian fakeroot debootstrap
-  strace libxcb1-dev
+  strace
+  clang libclang-rt-14-dev
 )
 
 SUDO=""

@@ -3,6 +3,7 @@
 #include "app/TokenLibs.h"
 #include "service/ActivatedSocket.h"
 #include "service/Protocol.h"
+#include "service/SessionTable.h"
 #include "service/UiStatusHandler.h"
 
 #include <QByteArray>
@@ -21,12 +22,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-// One request and one response buffer for the whole process: there is one
-// service thread and one connection at a time. Static storage, so they exist
-// before main() runs and are never freed.
-alignas(8) static unsigned char recvPack[COMMPACK_MAX_SIZE];
-alignas(8) static unsigned char sendPack[COMMPACK_MAX_SIZE];
 
 namespace {
 
@@ -92,22 +87,22 @@ static bool makeAddr(const char *name, sockaddr_un *addr, unsigned int *len)
     return true;
 }
 
-FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *parent)
+FIFO_Service::FIFO_Service(UiStatusHandler *uiService, QSettings *settings, QObject *parent)
     : QObject(parent)
     , m_uiService(uiService)
     , m_Listening(false)
     , m_timeout(1)
     , m_hListenSocket(-1)
     , m_sock(-1)
+    , m_allowedOps(0)
     , m_hDev(0)
     , m_hContext(0)
-    , m_settings(settings)
 {
     // Read here, in the creating thread: the settings object is not shared
-    // with the service thread.
-    if (m_settings) {
+    // with the service thread, and nothing else of it is needed later.
+    if (settings) {
         bool ok = false;
-        const int idle = m_settings->value("UIServer/idleseconds", kDefaultIdleSeconds).toInt(&ok);
+        const int idle = settings->value("UIServer/idleseconds", kDefaultIdleSeconds).toInt(&ok);
         m_idleSeconds = ok && idle >= 1 ? idle : kDefaultIdleSeconds;
     }
 }
@@ -115,11 +110,6 @@ FIFO_Service::FIFO_Service(QObject *uiService, QSettings *settings, QObject *par
 // Closes nothing: the accept loop has released the sockets and handles
 // before it returned.
 FIFO_Service::~FIFO_Service() = default;
-
-UiStatusHandler *FIFO_Service::statusHandler() const
-{
-    return dynamic_cast<UiStatusHandler *>(m_uiService);
-}
 
 /**
  * Runs in the service thread for the life of the process: creates the
@@ -225,8 +215,7 @@ void FIFO_Service::ServeConnection(int fd)
 {
     m_hContext = 0;
     m_hDev = 0;
-    m_allowedOps.clear();
-    m_allowedOps.insert(REQ_BeginSession);
+    m_allowedOps = SessionTable::Start;
     m_pinOpen = m_listOpen = m_waitingOpen = false;
     m_sendStalled = false;
     m_sock = fd;
@@ -238,8 +227,8 @@ void FIFO_Service::ServeConnection(int fd)
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
 
     for (;;) {
-        memset(recvPack, 0, sizeof recvPack);
-        if (!RecvPack(recvPack)) {
+        memset(m_recvPack, 0, sizeof m_recvPack);
+        if (!RecvPack(m_recvPack)) {
             qDebug() << "RecvPack() failed";
             emit pipe_comm_failed();
             break;
@@ -249,7 +238,7 @@ void FIFO_Service::ServeConnection(int fd)
             SendResp(UI_TOKEN_NOT_PRESENT, nullptr, 0);
             break;
         }
-        if (!HandleClientRequest(recvPack)) {
+        if (!HandleClientRequest(m_recvPack)) {
             qDebug() << "HandleClientRequest() failed";
             emit pipe_comm_failed();
             break;
@@ -314,8 +303,8 @@ void FIFO_Service::endConnection()
         close(m_sock);
         qDebug() << "Clean env, handle :" << m_sock << " closed";
     }
-    explicit_bzero(recvPack, sizeof recvPack);
-    explicit_bzero(sendPack, sizeof sendPack);
+    explicit_bzero(m_recvPack, sizeof m_recvPack);
+    explicit_bzero(m_sendPack, sizeof m_sendPack);
 }
 
 /**
@@ -470,21 +459,21 @@ bool FIFO_Service::RecvPack(void *pReqData)
 }
 
 /**
- * Builds a response in sendPack and writes it. True when the write reported
+ * Builds a response in m_sendPack and writes it. True when the write reported
  * a positive count.
  */
 bool FIFO_Service::SendResp(unsigned long resp, void *data, unsigned long datalen)
 {
-    auto *hdr = reinterpret_cast<PCOMMPACK>(sendPack);
+    auto *hdr = reinterpret_cast<PCOMMPACK>(m_sendPack);
     hdr->operation = quint32(resp);
     hdr->datalen = quint32(datalen);
     if (hdr->datalen > COMMPACK_MAX_DATA) {
         qDebug() << "SendResp: datalen too large:" << hdr->datalen;
         return false;
     }
-    if (data && datalen != 0 && data != sendPack + COMMPACK_HEADER_SIZE)
-        memcpy(sendPack + COMMPACK_HEADER_SIZE, data, datalen);
-    return SendBuff(sendPack, int(COMMPACK_HEADER_SIZE + hdr->datalen)) > 0;
+    if (data && datalen != 0 && data != m_sendPack + COMMPACK_HEADER_SIZE)
+        memcpy(m_sendPack + COMMPACK_HEADER_SIZE, data, datalen);
+    return SendBuff(m_sendPack, int(COMMPACK_HEADER_SIZE + hdr->datalen)) > 0;
 }
 
 /**
@@ -517,7 +506,7 @@ bool FIFO_Service::windowOpen() const
 {
     if (m_waitingOpen)
         return true;
-    UiStatusHandler *ui = statusHandler();
+    UiStatusHandler *ui = m_uiService;
     if (!ui)
         return false;
     if (m_pinOpen) {
@@ -566,27 +555,26 @@ bool FIFO_Service::waitForRequest()
 
 /**
  * The session state machine: answers one request (or none, for the reserved
- * codes) and sets the operations allowed next. False ends the connection.
+ * codes); the operations allowed next come from SessionTable. False ends the
+ * connection.
  */
 bool FIFO_Service::HandleClientRequest(void *reqPack)
 {
-    // Kept on purpose: outlives connections, so an accepted retry re-shows
-    // the type of the last PIN dialog of this process (0 if none).
-    static quint32 pintype = 0;
-
     const quint64 operation = readU32(reqPack, 0);
-    if (!m_allowedOps.contains(operation)) {
+    if (!SessionTable::allows(m_allowedOps, operation)) {
         qDebug() << "StateMachine Err, operation " << operation;
         SendResp(UI_STATE_ERROR, nullptr, 0);
         return false;
     }
 
-    UiStatusHandler *ui = statusHandler();
+    UiStatusHandler *ui = m_uiService;
     if (!ui) {
         qDebug() << "HandleClientRequest: no UI status handler";
         return false;
     }
 
+    // The user's answer, for the one operation whose next state depends on it.
+    int answer = SessionTable::AnyAnswer;
     switch (operation) {
     case REQ_BeginSession: {
         qDebug() << "REQ_BeginSession";
@@ -602,35 +590,28 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
                 m_hDev = 0;
         }
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_Show << REQ_Waiting_Show << REQ_List_Show << REQ_Reserved_12
-                     << REQ_MessageBox << REQ_EndSession;
         qDebug() << "Service busy, stop check keepaliveseconds...";
         emit stopExitTimer();
-        return true;
+        break;
     }
     case REQ_EndSession:
         // The handles stay open until the connection ends.
         qDebug() << "REQ_EndSession";
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_BeginSession;
         // Nothing of the session can be asked for any more.
         m_pinOpen = m_listOpen = m_waitingOpen = false;
         qDebug() << "Service will auto exit after keepaliveseconds...";
         emit startExitTimer();
-        return true;
+        break;
     case REQ_PIN_Show:
         qDebug() << "REQ_PIN_Show:";
-        pintype = readU32(reqPack, 8);
+        m_pintype = readU32(reqPack, 8);
         ui->SetPINStatus(-1, nullptr, 0);
-        qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << pintype << ")";
-        emit show_pin_dialog(pintype);
+        qDebug() << "REQ_PIN_Show: emit show_pin_dialog(" << m_pintype << ")";
+        emit show_pin_dialog(m_pintype);
         m_pinOpen = true;
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_GetPIN << REQ_Waiting_Show;
         SendResp(UI_OK, nullptr, 0);
-        return true;
+        break;
     case REQ_PIN_GetPIN: {
         qDebug() << "REQ_PIN_GetPIN ";
         unsigned char *pin = nullptr;
@@ -643,14 +624,11 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
             SendResp(UI_OK, pin, pinLen);
             m_sendHoldsPin = false;
             // Also covers a response that never reached the write.
-            explicit_bzero(sendPack + COMMPACK_HEADER_SIZE, COMMPACK_MAX_DATA);
+            explicit_bzero(m_sendPack + COMMPACK_HEADER_SIZE, COMMPACK_MAX_DATA);
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
         }
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_GetPIN << REQ_PIN_Retry << REQ_PIN_Finish << REQ_Waiting_Show
-                     << REQ_EndSession;
-        return true;
+        break;
     }
     case REQ_PIN_Retry: {
         qDebug() << "REQ_PIN_Retry";
@@ -663,37 +641,28 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         else
             emit show_message_dialog(title, tr("There are %1 times remaining").arg(qint32(tries)),
                                      REQ_PIN_Retry);
-        const int status = waitForMessageAnswer(ui);
-        if (status == kMsgClientGone)
+        answer = waitForMessageAnswer(ui);
+        if (answer == kMsgClientGone)
             return false;
-        // The response goes out before the new state is set and before the
-        // PIN dialog comes back.
-        if (status == 1) {
+        // The response goes out before the PIN dialog comes back.
+        if (answer == 1) {
             SendResp(UI_OK, nullptr, 0);
-            m_allowedOps.clear();
-            m_allowedOps << REQ_PIN_GetPIN;
             ui->SetPINStatus(-1, nullptr, 0);
-            qDebug() << "REQ_PIN_Retry Accepted: emit show_pin_dialog(" << pintype << ")";
-            emit show_pin_dialog(pintype);
-        } else if (status == 0) {
+            qDebug() << "REQ_PIN_Retry Accepted: emit show_pin_dialog(" << m_pintype << ")";
+            emit show_pin_dialog(m_pintype);
+        } else if (answer == 0) {
             SendResp(UI_USER_CANCEL, nullptr, 0);
-            m_allowedOps.clear();
-            m_allowedOps << REQ_EndSession;
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
-            m_allowedOps.clear();
-            m_allowedOps << REQ_PIN_Retry;
         }
-        return true;
+        break;
     }
     case REQ_PIN_Finish:
         qDebug() << "REQ_PIN_Finish";
         emit hide_pin_dialog();
         m_pinOpen = false;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_MessageBox << REQ_EndSession;
-        return true;
+        break;
     case REQ_Waiting_Show: {
         qDebug() << "REQ_Waiting_Show";
         const quint32 type = readU32(reqPack, 8);
@@ -702,18 +671,14 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         emit show_waiting_dialog(text, type);
         m_waitingOpen = true;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_Reserved_8 << REQ_Waiting_Finish;
-        return true;
+        break;
     }
     case REQ_Waiting_Finish:
         qDebug() << "REQ_Waiting_Finish";
         emit hide_waiting_dialog();
         m_waitingOpen = false;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_PIN_Retry << REQ_PIN_Finish << REQ_EndSession;
-        return true;
+        break;
     case REQ_List_Show: {
         qDebug() << "REQ_List_Show";
         const quint32 param = readU32(reqPack, 8);
@@ -724,9 +689,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         // Only type 0 shows a window; the others answer (or not) at once.
         m_listOpen = param == 0;
         SendResp(UI_OK, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_List_GetSel;
-        return true;
+        break;
     }
     case REQ_List_GetSel: {
         qDebug() << "REQ_List_GetSel";
@@ -743,9 +706,7 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
         } else {
             SendResp(UI_NO_RESULT, nullptr, 0);
         }
-        m_allowedOps.clear();
-        m_allowedOps << REQ_List_GetSel << REQ_EndSession;
-        return true;
+        break;
     }
     case REQ_MessageBox: {
         qDebug() << "REQ_MessageBox";
@@ -762,13 +723,13 @@ bool FIFO_Service::HandleClientRequest(void *reqPack)
             return false;
         // Confirm and cancel are deliberately not told apart.
         SendResp(unsigned(status) < 2 ? UI_OK : UI_NO_RESULT, nullptr, 0);
-        m_allowedOps.clear();
-        m_allowedOps << REQ_EndSession << REQ_MessageBox;
-        return true;
+        break;
     }
     default:
         // Codes 8 and 12: allowed by the state machine but without handler.
         qDebug() << "HandleClientRequest: unknown operation=" << operation;
         return false;
     }
+    m_allowedOps = SessionTable::next(quint32(operation), answer);
+    return true;
 }

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "service/SessionTable.h"
+
 #include <QObject>
-#include <QSet>
 #include <QString>
 
 #include <atomic>
@@ -22,7 +23,9 @@ class FIFO_Service : public QObject
 {
     Q_OBJECT
 public:
-    FIFO_Service(QObject *uiService, QSettings *settings, QObject *parent = nullptr);
+    // The status hand-off is typed: the service calls its getters and
+    // setters directly, from its own thread.
+    FIFO_Service(UiStatusHandler *uiService, QSettings *settings, QObject *parent = nullptr);
     ~FIFO_Service() override;
 
     /** Serves one accepted connection of this user to its end; closes @p fd. */
@@ -56,19 +59,27 @@ public slots:
     bool HandleClientRequest(void *reqPack);
 
 private:
-    QObject *m_uiService;
+    UiStatusHandler *m_uiService;
     // Written by the GUI thread, read by the accept loop: atomic so the
     // hand-over is well defined.
     std::atomic<bool> m_Listening;
     int m_timeout;
     int m_hListenSocket;
     int m_sock;
-    QSet<quint64> m_allowedOps;
+    // The session state: the operations allowed next (SessionTable).
+    SessionTable::OpSet m_allowedOps;
     uint64_t m_hDev;
     uint64_t m_hContext;
-    QSettings *m_settings;
 
-    // Set by the dispatcher while sendPack carries a PIN result, so the
+    // Kept on purpose: outlives connections, so an accepted retry re-shows
+    // the type of the last PIN dialog of this process (0 if none).
+    quint32 m_pintype = 0;
+    // One request and one response buffer: one service thread, one
+    // connection at a time. Wiped when a connection ends.
+    alignas(8) unsigned char m_recvPack[COMMPACK_MAX_SIZE] = {};
+    alignas(8) unsigned char m_sendPack[COMMPACK_MAX_SIZE] = {};
+
+    // Set by the dispatcher while m_sendPack carries a PIN result, so the
     // sender redacts the hex dump and wipes the bytes after the write.
     bool m_sendHoldsPin = false;
 
@@ -84,7 +95,6 @@ private:
     // A response could not be written within the send time-out.
     bool m_sendStalled = false;
 
-    UiStatusHandler *statusHandler() const;
     int waitForMessageAnswer(UiStatusHandler *ui);
     bool waitForRequest();
     bool windowOpen() const;

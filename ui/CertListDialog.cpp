@@ -1,11 +1,15 @@
 #include "CertListDialog.h"
 #include "ui_CertListDialog.h"
 
+#include "DialogGeometry.h"
+#include "DialogAccessibility.h"
+#include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDebug>
+#include <QKeyEvent>
 #include <QDesktopWidget>
 #include <QMetaObject>
 #include <QStringList>
@@ -20,18 +24,24 @@ CertListDialog::CertListDialog(QString list, QObject *service, float scale, QWid
     , ui(new Ui::CertListDialog)
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     this->service = service;
 
     const QStringList entries = list.trimmed().split("\n", Qt::KeepEmptyParts, Qt::CaseSensitive);
     qDebug() << "CertListDialog:" << entries;
     ui->comboBox_certlist->addItems(entries);
 
+    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
+
     // Kept on purpose: unlike the other dialogs this one sets no window icon.
     setWindowFlags(Qt::WindowMinimizeButtonHint | Qt::WindowStaysOnTopHint);
     setAttribute(Qt::WA_ShowModal);
 
     adjustSize();
-    const QSize scaled = size() * scale;
+    // Deliberate departure: only the part of the scale the fonts did not
+    // apply, and never larger than the screen.
+    const QSize scaled = DialogGeometry::boundedToScreen(
+            this, size() * DialogGeometry::remainingScale(this, scale));
     resize(scaled);
     setMinimumSize(scaled);
     setMaximumSize(scaled);
@@ -86,4 +96,21 @@ void CertListDialog::closeEvent(QCloseEvent *event)
     const int index = ui->comboBox_certlist->currentIndex();
     QMetaObject::invokeMethod(
             this, [this, index] { report(0, index); }, Qt::QueuedConnection);
+}
+
+/**
+ * Deliberate departure: Escape answers as the window manager's close does;
+ * Return presses the focused button, or the default one.
+ */
+void CertListDialog::keyPressEvent(QKeyEvent *event)
+{
+    if (!DialogKeys::handleKey(this, event, ui->pushButton_OK))
+        QWidget::keyPressEvent(event);
+}
+
+void CertListDialog::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ActivationChange && isActiveWindow())
+        DialogKeys::showFocusRing(this);
+    QWidget::changeEvent(event);
 }

@@ -1,11 +1,15 @@
 #include "MessageDialog.h"
 #include "ui_MessageDialog.h"
 
+#include "DialogGeometry.h"
+#include "DialogAccessibility.h"
+#include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDebug>
+#include <QKeyEvent>
 #include <QDesktopWidget>
 #include <QIcon>
 #include <QMetaObject>
@@ -27,6 +31,7 @@ MessageDialog::MessageDialog(QString title, QString message, unsigned long type,
     , type(type)
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     makeStrMap();
 
     qDebug() << "MessageDialog: key=" << message << ", value=" << strMap.value(message, message);
@@ -43,6 +48,8 @@ MessageDialog::MessageDialog(QString title, QString message, unsigned long type,
         ui->pushButton_Cancel->hide();
     }
 
+    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Retry, ui->pushButton_Cancel});
+
     // One icon object for every dialog: a new QIcon each time left new
     // scaled copies in QPixmapCache (10 MB of RSS before it evicts).
     static const QIcon logo(QStringLiteral(":/images/logo.ico"));
@@ -51,7 +58,10 @@ MessageDialog::MessageDialog(QString title, QString message, unsigned long type,
     setAttribute(Qt::WA_ShowModal);
 
     adjustSize();
-    const QSize scaled = size() * scale;
+    // Deliberate departure: only the part of the scale the fonts did not
+    // apply, and never larger than the screen.
+    const QSize scaled = DialogGeometry::boundedToScreen(
+            this, size() * DialogGeometry::remainingScale(this, scale));
     resize(scaled);
     setMinimumSize(scaled);
     setMaximumSize(scaled);
@@ -109,4 +119,24 @@ void MessageDialog::closeEvent(QCloseEvent *event)
     const int status = type == RetryCancelType ? 0 : 1;
     QMetaObject::invokeMethod(
             this, [this, status] { report(status); }, Qt::QueuedConnection);
+}
+
+/**
+ * Deliberate departure: Escape answers as the window manager's close does;
+ * Return presses the focused button, or the default one.
+ */
+void MessageDialog::keyPressEvent(QKeyEvent *event)
+{
+    if (!DialogKeys::handleKey(this, event,
+                               type == RetryCancelType
+                                       ? static_cast<QAbstractButton *>(ui->pushButton_Retry)
+                                       : ui->pushButton_OK))
+        QWidget::keyPressEvent(event);
+}
+
+void MessageDialog::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ActivationChange && isActiveWindow())
+        DialogKeys::showFocusRing(this);
+    QWidget::changeEvent(event);
 }

@@ -3,6 +3,8 @@
 
 #include "keyboard/SimpleSoftKeyboard.h"
 #include "keyboard/SoftKeyboard.h"
+#include "DialogAccessibility.h"
+#include "DialogKeys.h"
 #include "service/UiStatusHandler.h"
 
 #include <QCloseEvent>
@@ -18,6 +20,7 @@
 #include <QTimer>
 #include <QToolTip>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -61,6 +64,61 @@ QString withBounds(const QString &text, long long minLen, long long maxLen)
     return argIfPlaceholder(argIfPlaceholder(text, minLen), maxLen);
 }
 
+/**
+ * Zeroes the characters of `s` in its storage, also while that storage is
+ * shared (with a line edit, say), then lets go of it. Copying would not do:
+ * a write through a shared QString detaches and leaves the old bytes behind.
+ */
+void wipeShared(QString &s)
+{
+    // Text that came in as a literal or raw data is not ours to overwrite
+    // (and may be read-only); typed text always lives on the heap.
+    const QString::DataPtr d = s.data_ptr();
+    if (!s.isEmpty() && !d->ref.isStatic() && d->alloc != 0) {
+        const int chars = qMax(s.size(), s.capacity());
+        explicit_bzero(const_cast<QChar *>(s.constData()), size_t(chars) * sizeof(QChar));
+    }
+    s = QString();
+}
+
+// Wipes `s` unless it is the very text the edit now holds.
+void wipeUnlessHeld(QString &s, const QLineEdit *edit)
+{
+    if (s.constData() == edit->text().constData())
+        s = QString();
+    else
+        wipeShared(s);
+}
+
+// WCAG relative luminance and contrast ratio.
+double luminance(const QColor &c)
+{
+    auto channel = [](double v) {
+        return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+    };
+    return 0.2126 * channel(c.redF()) + 0.7152 * channel(c.greenF()) + 0.0722 * channel(c.blueF());
+}
+
+double contrast(const QColor &a, const QColor &b)
+{
+    const double la = luminance(a);
+    const double lb = luminance(b);
+    return (qMax(la, lb) + 0.05) / (qMin(la, lb) + 0.05);
+}
+
+/**
+ * A red that reads on `background` at a contrast of at least 4.5:1 (WCAG
+ * AA): darkened on a light window, lightened on a dark one.
+ */
+QColor readableRed(const QColor &background)
+{
+    const bool dark = luminance(background) < 0.18;
+    QColor red = QColor::fromHsl(0, 255, 128);
+    for (int step = 0; step < 40 && contrast(red, background) < 4.5; ++step)
+        red = QColor::fromHsl(0, 255, qBound(0, red.lightness() + (dark ? 5 : -5), 255));
+    return red;
+}
+
 bool endsWalk(const QString &row, QChar c, QChar next)
 {
     const int pos = row.indexOf(c);
@@ -80,6 +138,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     , scale(scale)
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     qDebug() << "Create PINDialog: keyboardmode=" << keyBoardMode
              << ", keyboardvisible=" << keyboardVisible << ", type=" << type;
 
@@ -193,6 +252,24 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
         break;
     }
 
+    // Deliberate departure: the fields first, in the order they are filled in,
+    // then the keyboard buttons, OK and Cancel; a confirmation typed after one
+    // Tab lands in the confirmation field.
+    QWidget *const tabOrder[] = {ui->lineEdit_oldPin,
+                                 ui->lineEdit_newPin,
+                                 ui->lineEdit_confirmPin,
+                                 ui->toolButtonold_softkeyboard,
+                                 ui->toolButtonnew_softkeyboard,
+                                 ui->pushButton_OK,
+                                 ui->pushButton_Cancel};
+    for (size_t i = 0; i + 1 < sizeof tabOrder / sizeof *tabOrder; ++i)
+        setTabOrder(tabOrder[i], tabOrder[i + 1]);
+    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
+    // Screen readers name each field by its label.
+    ui->label_oldPin->setBuddy(ui->lineEdit_oldPin);
+    ui->label_newPin->setBuddy(ui->lineEdit_newPin);
+    ui->label_confirmPin->setBuddy(ui->lineEdit_confirmPin);
+
     if (!this->keyboardVisible) {
         ui->widget_softkeyboard->hide();
         ui->toolButtonold_softkeyboard->setChecked(false);
@@ -238,12 +315,69 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
 
 PINDialog::~PINDialog()
 {
+    wipeInput();
     delete timer;
     delete ui;
     ui = nullptr;
 }
 
 int PINDialog::rememberedWindowY() { return keepWindowY; }
+
+/**
+ * Shows a comment under the fields. Errors and warnings are red, good news
+ * (a normal or strong new PIN) in the ordinary text colour; either way the
+ * colour keeps a contrast of at least 4.5:1 with the window.
+ */
+void PINDialog::setComment(const QString &text, bool error)
+{
+    // The label's style sheet decides the drawn colour, so the colour goes there.
+    const QColor colour = error ? readableRed(palette().color(QPalette::Window))
+                                : palette().color(QPalette::WindowText);
+    ui->label_comments->setStyleSheet(
+            QStringLiteral("QLabel { margin-left:10px; color:%1; }").arg(colour.name()));
+    ui->label_comments->setText(text);
+    // Screen readers announce the comment as the fields' description.
+    for (QLineEdit *edit : {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin})
+        edit->setAccessibleDescription(text);
+    // Deliberate departure: a wrapped comment that needs more lines than the
+    // form allows makes the window grow instead of being cut off (fonts at a
+    // high dpi), and the window stays on the screen.
+    const int needed = ui->label_comments->heightForWidth(ui->label_comments->width());
+    if (needed > ui->label_comments->height()) {
+        ui->label_comments->setMinimumHeight(needed);
+        if (layout())
+            layout()->activate();
+        keepOnScreen();
+    }
+}
+
+/**
+ * Deliberate departure: a window that grew (the keyboard panel, a longer
+ * comment) is moved back inside the screen's available area where it would
+ * reach past it. Elsewhere its position is left exactly as it was.
+ */
+void PINDialog::keepOnScreen()
+{
+    const QScreen *s = screen();
+    if (!s)
+        return;
+    const QRect area = s->availableGeometry();
+    const QRect g = frameGeometry();
+    const int x = qMax(area.left(), qMin(g.x(), area.right() + 1 - g.width()));
+    const int y = qMax(area.top(), qMin(g.y(), area.bottom() + 1 - g.height()));
+    if (x != g.x() || y != g.y())
+        move(x, y);
+}
+
+/**
+ * Deliberate departure: a dialog shown again after an accepted retry says
+ * why it came back; `reason` is the retry question's text with the number of
+ * tries left.
+ */
+void PINDialog::showRetryHint(const QString &reason)
+{
+    setComment(tr("Wrong PIN. %1").arg(reason));
+}
 
 UiStatusHandler *PINDialog::statusHandler() const
 {
@@ -430,16 +564,48 @@ bool PINDialog::eventFilter(QObject *obj, QEvent *event)
     return QObject::eventFilter(obj, event);
 }
 
+/**
+ * Appends a key of the on-screen keyboard. The edit takes a new string each
+ * time; the one it held before (and any copy the edit did not keep) is
+ * wiped, so no shorter or longer copy of the PIN stays behind.
+ */
 void PINDialog::receiveInput(char c)
 {
-    if (currentLineEdit)
-        currentLineEdit->setText(currentLineEdit->text() + QChar::fromLatin1(c));
+    if (!currentLineEdit)
+        return;
+    QString previous = currentLineEdit->text();
+    QString next = previous + QChar::fromLatin1(c);
+    currentLineEdit->setText(next);
+    wipeUnlessHeld(previous, currentLineEdit);
+    wipeUnlessHeld(next, currentLineEdit);
 }
 
 void PINDialog::receiveBackspace()
 {
-    if (currentLineEdit && !currentLineEdit->text().isEmpty())
-        currentLineEdit->setText(currentLineEdit->text().chopped(1));
+    if (!currentLineEdit || currentLineEdit->text().isEmpty())
+        return;
+    QString previous = currentLineEdit->text();
+    QString next = previous.chopped(1);
+    currentLineEdit->setText(next);
+    wipeUnlessHeld(previous, currentLineEdit);
+    wipeUnlessHeld(next, currentLineEdit);
+}
+
+/**
+ * Deliberate departure: no copy of the PIN may stay in the process once the
+ * result has been handed over or the dialog goes. The edit's own string is
+ * zeroed in place (the copy from text() shares it), then replaced by an empty
+ * one, which also drops the edit's undo history.
+ */
+void PINDialog::wipeInput()
+{
+    if (!ui)
+        return;
+    for (QLineEdit *edit : {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin}) {
+        QString held = edit->text();
+        wipeShared(held);
+        edit->setText(QString());
+    }
 }
 
 /// Language change: narrower than the constructor (kept on purpose: mode 1 keeps
@@ -471,20 +637,20 @@ void PINDialog::on_lineEdit_newPin_textChanged(const QString &text)
 
     switch (IsValidPIN(kept)) {
     case 5:
-        ui->label_comments->setText(tr("Pin:High"));
+        setComment(tr("Pin:High"), false);
         break;
     case 4:
-        ui->label_comments->setText(tr("Pin:Normal"));
+        setComment(tr("Pin:Normal"), false);
         break;
     case 3:
-        ui->label_comments->setText(tr("Pin:Weak"));
+        setComment(tr("Pin:Weak"));
         break;
     case 2:
         // Kept on purpose: the forbidden verdict falls through to the length rule.
-        ui->label_comments->setText(tr("Pin:Forbidden"));
+        setComment(tr("Pin:Forbidden"));
         Q_FALLTHROUGH();
     default:
-        ui->label_comments->setText(lengthText());
+        setComment(lengthText());
         break;
     }
     RefreshNewPinStatus(false);
@@ -508,7 +674,7 @@ void PINDialog::on_pushButton_OK_clicked()
 
     // isVisibleTo: the rows the mode shows, also while the window itself is hidden.
     if (ui->lineEdit_oldPin->isVisibleTo(this) && IsValidPIN(ui->lineEdit_oldPin->text()) == 0) {
-        ui->label_comments->setText(lengthText());
+        setComment(lengthText());
         ui->lineEdit_oldPin->clear();
         ui->lineEdit_oldPin->setFocus();
         return;
@@ -518,12 +684,11 @@ void PINDialog::on_pushButton_OK_clicked()
         const int level = IsValidPIN(ui->lineEdit_newPin->text());
         bool rejected = true;
         if (level == 0)
-            ui->label_comments->setText(lengthText());
+            setComment(lengthText());
         else if (level >= 4 && ui->lineEdit_confirmPin->text() != ui->lineEdit_newPin->text())
-            ui->label_comments->setText(
-                    tr("Please confirm that new USBKey password is entered identiacally!"));
+            setComment(tr("Please confirm that new USBKey password is entered identiacally!"));
         else if (level >= 1 && level <= 3)
-            ui->label_comments->setText(tr("IDC_CUSTOM_PIN_ANNOTATION_2"));
+            setComment(tr("IDC_CUSTOM_PIN_ANNOTATION_2"));
         else
             rejected = false;
         if (rejected) {
@@ -690,6 +855,7 @@ void PINDialog::RefreshLayout()
              << ", keepWindowY=" << keepWindowY;
     if (keepWindowY != 0)
         move(frameGeometry().x(), keepWindowY);
+    keepOnScreen();
     qDebug() << "RefreshLayout: finally:" << frameGeometry();
 }
 
@@ -715,4 +881,21 @@ void PINDialog::closeEvent(QCloseEvent *event)
                 on_pushButton_Cancel_clicked();
             },
             Qt::QueuedConnection);
+}
+
+/**
+ * Deliberate departure: Escape answers as the window manager's close does;
+ * Return presses the focused button, or the default one.
+ */
+void PINDialog::keyPressEvent(QKeyEvent *event)
+{
+    if (!DialogKeys::handleKey(this, event, ui->pushButton_OK))
+        QWidget::keyPressEvent(event);
+}
+
+void PINDialog::changeEvent(QEvent *event)
+{
+    if (event->type() == QEvent::ActivationChange && isActiveWindow())
+        DialogKeys::showFocusRing(this);
+    QWidget::changeEvent(event);
 }

@@ -32,6 +32,11 @@ public:
     bool IsAllInputValid();
     int IsValidPIN(QString pin);
     void randomSoftKeyboard();
+    // Overwrites the typed PINs where the fields keep them, then empties the fields.
+    void wipeInput();
+    void showRetryHint(const QString &reason);
+    // Text of the comment line; `error` false for good news (a strong PIN).
+    void setComment(const QString &text, bool error = true);
 
     unsigned int dialogMode() const { return mode; }
 
@@ -65,9 +70,12 @@ public slots:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
+    void changeEvent(QEvent *event) override;
 
 private:
     UiStatusHandler *statusHandler() const;
+    void keepOnScreen();
     QString annotationText(const char *key) const;
     QString lengthText() const;
     QString filteredText(const QString &text) const;

@@ -9,6 +9,7 @@
 #include "app/StartupEnv.h"
 #include "app/TokenLibs.h"
 #include "service/FIFO_Service.h"
+#include "service/Protocol.h"
 
 #include <QCoreApplication>
 #include <QDebug>
@@ -70,6 +71,17 @@ QString libraryHint(const QString &confFile, const QString &dir, const char *lib
 
 // The status values -1 (pending) and -2 (initial) never close a dialog.
 bool isFinalStatus(int status) { return static_cast<unsigned int>(status) < 2; }
+
+// Hides and destroys a window without a close event, so it reports nothing.
+template<typename Dialog>
+void discardDialog(Dialog *&dialog)
+{
+    if (dialog) {
+        dialog->hide();
+        delete dialog;
+        dialog = nullptr;
+    }
+}
 
 } // namespace
 
@@ -169,6 +181,10 @@ UI_Service::UI_Service(float scale, QObject *parent)
     fifoService = new FIFO_Service(this, protectedSettings, nullptr);
     serviceThread = new QThread(this);
     fifoService->moveToThread(serviceThread);
+    connect(
+            serviceThread, &QThread::finished, this,
+            [this] { serviceThreadDone.store(true, std::memory_order_release); },
+            Qt::DirectConnection);
 
     // String-based on purpose: the types must match as written here.
     connect(this, SIGNAL(StartPipe()), fifoService, SLOT(CreatePipeAndListen()),
@@ -191,6 +207,11 @@ UI_Service::UI_Service(float scale, QObject *parent)
     connect(fifoService, SIGNAL(hide_list_dialog()), this, SLOT(on_list_dialog_hide()),
             Qt::AutoConnection);
     connect(fifoService, SIGNAL(hide_message_dialog()), this, SLOT(on_message_dialog_hide()),
+            Qt::AutoConnection);
+    // The service announces "no session open" with this signal (after
+    // REQ_EndSession and at the end of every connection): no PIN result may
+    // outlive the session.
+    connect(fifoService, SIGNAL(startExitTimer()), this, SLOT(on_session_ended()),
             Qt::AutoConnection);
 
     if (protectedSettings->contains("UIServer/keepaliveseconds")) {
@@ -266,6 +287,8 @@ UI_Service::~UI_Service()
                 fifoService->StopPipeListening();
         }
     }
+    // Pairs with the release in the service thread's last act.
+    (void)serviceThreadDone.load(std::memory_order_acquire);
     if (fifoService)
         delete fifoService;
     if (encPinBuff) {
@@ -280,12 +303,17 @@ UI_Service::~UI_Service()
 
 /**
  * Type 0 shows the list; type 1 answers at once "chosen, row -1" without a
- * window; other types change nothing, so the service keeps seeing -1. An
- * open list dialog is not closed first (kept on purpose).
+ * window; other types change nothing, so the service keeps seeing -1.
+ *
+ * Deliberate departure: a new list replaces an open one. The old window goes
+ * without reporting: the service has already set the status to pending for
+ * the new request, so an answer from the old window would be taken for the
+ * new one's.
  */
 void UI_Service::on_list_dialog_show(ulong type, QString list)
 {
     if (type == 0) {
+        discardDialog(listDialog);
         listDialog = new CertListDialog(list, this, scale, nullptr);
         listDialog->show();
     } else if (type == 1) {
@@ -294,33 +322,27 @@ void UI_Service::on_list_dialog_show(ulong type, QString list)
     }
 }
 
-void UI_Service::on_list_dialog_hide()
-{
-    if (listDialog) {
-        listDialog->hide();
-        delete listDialog;
-        listDialog = nullptr;
-    }
-}
+void UI_Service::on_list_dialog_hide() { discardDialog(listDialog); }
 
+/**
+ * Deliberate departure: a new message replaces an open one, which goes
+ * without reporting (the status already belongs to the new request).
+ */
 void UI_Service::on_message_dialog_show(QString title, QString message, ulong type)
 {
+    discardDialog(messageDialog);
+    messageIsRetry = type == REQ_PIN_Retry;
+    retryReason = message;
     messageDialog = new MessageDialog(title, message, type, this, scale, nullptr);
     messageDialog->show();
 }
 
-void UI_Service::on_message_dialog_hide()
-{
-    if (messageDialog) {
-        messageDialog->hide();
-        delete messageDialog;
-        messageDialog = nullptr;
-    }
-}
+void UI_Service::on_message_dialog_hide() { discardDialog(messageDialog); }
 
 /**
  * Both settings are read at every request. The time-out is handed over but
  * not used by the dialog (its countdown comes from the information text).
+ * Deliberate departure: a new waiting window replaces an open one.
  */
 void UI_Service::on_waiting_dialog_show(QString info, ulong type)
 {
@@ -328,18 +350,12 @@ void UI_Service::on_waiting_dialog_show(QString info, ulong type)
                                 ? protectedSettings->value("UIServer/timeoutseconds", 0).toInt()
                                 : 0;
     const QString safePath = settings ? settings->value("SAFEPATH", "").toString() : QString();
+    discardDialog(waitingDialog);
     waitingDialog = new WaitingDialog(info, type, timeout, safePath, scale, nullptr);
     waitingDialog->show();
 }
 
-void UI_Service::on_waiting_dialog_hide()
-{
-    if (waitingDialog) {
-        waitingDialog->hide();
-        delete waitingDialog;
-        waitingDialog = nullptr;
-    }
-}
+void UI_Service::on_waiting_dialog_hide() { discardDialog(waitingDialog); }
 
 /**
  * The only show slot that replaces an open dialog: the old PIN dialog (also
@@ -348,11 +364,7 @@ void UI_Service::on_waiting_dialog_hide()
  */
 void UI_Service::on_pin_dialog_show(ulong type)
 {
-    if (pinDialog) {
-        pinDialog->hide();
-        delete pinDialog;
-        pinDialog = nullptr;
-    }
+    discardDialog(pinDialog);
     {
         std::lock_guard<std::mutex> lock(pinBufferMutex);
         if (encPinBuff)
@@ -361,16 +373,43 @@ void UI_Service::on_pin_dialog_show(ulong type)
         pinStatus.store(-1, std::memory_order_release);
     }
     pinDialog = new PINDialog(keyBoardMode, keyboardVisible, type, this, scale, nullptr);
+    if (!pendingRetryHint.isEmpty())
+        pinDialog->showRetryHint(pendingRetryHint);
+    pendingRetryHint.clear();
     pinDialog->show();
 }
 
+/**
+ * Deliberate departure: the service hides the PIN dialog when the PIN is no
+ * longer needed (REQ_PIN_Finish, the end of the connection), so the result
+ * goes with it. The dialog wipes its fields as it is destroyed.
+ */
 void UI_Service::on_pin_dialog_hide()
 {
-    if (pinDialog) {
-        pinDialog->hide();
-        delete pinDialog;
-        pinDialog = nullptr;
-    }
+    discardDialog(pinDialog);
+    wipePinResult();
+}
+
+/**
+ * Deliberate departure: no PIN result outlives its session; a later session
+ * cannot ask for it anyway (it has to show a PIN dialog first).
+ */
+void UI_Service::on_session_ended()
+{
+    wipePinResult();
+    pendingRetryHint.clear();
+}
+
+/**
+ * Wipes the hand-off buffer and its length. The status is left as it is: the
+ * request that could read the result again is no longer allowed.
+ */
+void UI_Service::wipePinResult()
+{
+    std::lock_guard<std::mutex> lock(pinBufferMutex);
+    if (encPinBuff)
+        explicit_bzero(encPinBuff, PIN_BUFFER_SIZE);
+    encPinLen.store(0, std::memory_order_relaxed);
 }
 
 void UI_Service::on_start_pipe_failed()
@@ -443,17 +482,24 @@ void UI_Service::SetPINStatus(int status, unsigned char *encpinbuff, ulong encpi
         encPinLen.store(encpinlen, std::memory_order_relaxed);
         pinStatus.store(status, std::memory_order_release);
     }
-    if (status == 0)
+    if (status == 0) {
         on_pin_dialog_hide();
-    else if (status == 1 && pinDialog)
+    } else if (status == 1 && pinDialog) {
         pinDialog->hide();
+        // The result lives on in encPinBuff alone.
+        pinDialog->wipeInput();
+    }
 }
 
 void UI_Service::SetMsgStatus(int status)
 {
     msgStatus.store(status, std::memory_order_release);
-    if (isFinalStatus(status))
+    // Final answers come from the box's buttons, in the GUI thread.
+    if (isFinalStatus(status)) {
+        pendingRetryHint = status == 1 && messageIsRetry ? retryReason : QString();
+        messageIsRetry = false;
         on_message_dialog_hide();
+    }
 }
 
 int UI_Service::GetMsgStatus() { return msgStatus.load(std::memory_order_acquire); }

@@ -70,8 +70,13 @@ public:
     PINDialog::KeyBoardMode keyboardMode() const { return keyBoardMode; }
     bool isKeyboardVisible() const { return keyboardVisible; }
 
+private slots:
+    // No session is open any more (end of session or of the connection).
+    void on_session_ended();
+
 private:
     void prewarm();
+    void wipePinResult();
 
     WaitingDialog *waitingDialog = nullptr;
     PINDialog *pinDialog = nullptr;
@@ -81,6 +86,11 @@ private:
     CertListDialog *listDialog = nullptr;
     FIFO_Service *fifoService = nullptr;
     QThread *serviceThread = nullptr;
+    // Set by the service thread as its last act (release), read by the
+    // destructor after wait() (acquire): QThread::wait() synchronises inside
+    // QtCore alone, so without this pair ThreadSanitizer cannot see that the
+    // thread's work is over before the service is deleted.
+    std::atomic<bool> serviceThreadDone{false};
     QSettings *settings = nullptr;
     QSettings *protectedSettings = nullptr;
     // The hand-off fields are shared with the socket thread. The status is
@@ -98,4 +108,9 @@ private:
     QTimer *exitTimer = nullptr;
     QString defaultPin;
     float scale = 1.0f;
+    // GUI thread only. The open message box asks whether to retry a wrong PIN,
+    // with this text; an accepted retry passes it on to the next PIN dialog.
+    bool messageIsRetry = false;
+    QString retryReason;
+    QString pendingRetryHint;
 };

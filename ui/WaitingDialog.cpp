@@ -1,6 +1,9 @@
 #include "WaitingDialog.h"
 #include "ui_WaitingDialog.h"
 
+#include "DialogAccessibility.h"
+#include "DialogGeometry.h"
+
 #include <QApplication>
 #include <QDebug>
 #include <QDesktopWidget>
@@ -28,7 +31,10 @@ void fitToScale(QWidget *w, float scale)
     w->setMinimumSize(0, 0);
     w->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
     w->adjustSize();
-    const QSize scaled = w->size() * scale;
+    // Deliberate departure: only the part of the scale the fonts did not
+    // apply, and never larger than the screen.
+    const QSize scaled = DialogGeometry::boundedToScreen(
+            w, w->size() * DialogGeometry::remainingScale(w, scale));
     w->resize(scaled);
     w->setMaximumSize(scaled);
     w->setMinimumSize(scaled);
@@ -55,6 +61,7 @@ WaitingDialog::WaitingDialog(QString info, unsigned long type, int timeout, QStr
     , timeout(timeout) // kept on purpose: accepted from the coordinator and never used
 {
     ui->setupUi(this);
+    DialogAccessibility::install();
     qDebug() << "WaitingDialog() called";
 
     countdown = 0;

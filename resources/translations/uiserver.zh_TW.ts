@@ -73,6 +73,10 @@
 <context>
     <name>PINDialog</name>
     <message>
+        <source>Wrong PIN. %1</source>
+        <translation>PIN碼錯誤。%1</translation>
+    </message>
+    <message>
         <source>Form</source>
         <translation>USBKey PIN碼</translation>
     </message>

@@ -3,13 +3,13 @@
 #include "WindowTitles.h"
 #include "XDoTool.h"
 
-#include "CertListDialog.h"
+#include "ui/CertListDialog.h"
 #include "FakeUiStatus.h"
 #include "LogFile.h"
-#include "MessageDialog.h"
-#include "PINDialog.h"
+#include "ui/MessageDialog.h"
+#include "ui/PINDialog.h"
 #include "ServerLauncher.h"
-#include "WaitingDialog.h"
+#include "ui/WaitingDialog.h"
 #include "client/zrui_client.h"
 
 #include <QApplication>
@@ -21,6 +21,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QResource>
+#include <QScreen>
 #include <QTextDocument>
 #include <QTextLayout>
 #include <QToolButton>
@@ -366,6 +367,11 @@ private slots:
         QCoreApplication::processEvents();
         const QStringList problems = layoutProblems(dialog.get());
         QVERIFY2(problems.isEmpty(), qPrintable(problems.join("\n  ")));
+        // Sizes never double-scale: the whole window stays on the screen.
+        const QRect screen = dialog->screen()->availableGeometry();
+        QVERIFY2(screen.contains(dialog->frameGeometry()),
+                 qPrintable(str(dialog->frameGeometry().size()) + " at "
+                            + str(QSize(dialog->x(), dialog->y())) + " on " + str(screen.size())));
     }
 };
 

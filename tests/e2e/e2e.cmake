@@ -6,6 +6,7 @@ zrui_add_test(NAME TestEndToEnd
   LIBS zrui_testsupport zrui_client Qt5::Core
   LAUNCHER xvfb-run -a -s "-screen 0 1280x1024x24"
   TIMEOUT 240
+  LOCKS uilog
   LABELS e2e)
 add_dependencies(TestEndToEnd ZRUIServer zrui_resources zrui_tokensim)
 

@@ -49,3 +49,17 @@ add_test(NAME TestLocales_dpi144
   COMMAND xvfb-run -a -s "-screen 0 1600x1200x24 -dpi 144" $<TARGET_FILE:TestLocales>)
 set_tests_properties(TestLocales_dpi144 PROPERTIES
   TIMEOUT 300 RESOURCE_LOCK uilog LABELS e2e ENVIRONMENT "${_zrui_locales_env}")
+
+# A 1280 x 1024 screen of 192 dots per inch (scale 2), and Qt's own scaling
+# by 2 at 96 dots per inch (scale 1: Qt scales everything itself).
+list(TRANSFORM _zrui_locales_env REPLACE "^ZRUI_EXPECT_SCALE=.*" "ZRUI_EXPECT_SCALE=2")
+add_test(NAME TestLocales_dpi192
+  COMMAND xvfb-run -a -s "-screen 0 1280x1024x24 -dpi 192" $<TARGET_FILE:TestLocales>)
+set_tests_properties(TestLocales_dpi192 PROPERTIES
+  TIMEOUT 300 RESOURCE_LOCK uilog LABELS e2e ENVIRONMENT "${_zrui_locales_env}")
+list(TRANSFORM _zrui_locales_env REPLACE "^ZRUI_EXPECT_SCALE=.*" "ZRUI_EXPECT_SCALE=1")
+add_test(NAME TestLocales_qtscale2
+  COMMAND xvfb-run -a -s "-screen 0 1280x1024x24 -dpi 96" $<TARGET_FILE:TestLocales>)
+set_tests_properties(TestLocales_qtscale2 PROPERTIES
+  TIMEOUT 300 RESOURCE_LOCK uilog LABELS e2e
+  ENVIRONMENT "${_zrui_locales_env};QT_SCALE_FACTOR=2")

@@ -5,11 +5,13 @@
 #include <QIcon>
 #include <QtTest>
 
-// A dialog built at `scale` is the one built at 1.0 grown by that factor once, fixed in
-// size, centred on the screen, modal and kept on top; showing it changes none of that.
+// A dialog built at `scale` is the one built at 1.0 grown once by the part of the scale the
+// fonts (at the screen's dpi) did not already apply, fixed in size, centred on the screen,
+// modal and kept on top; showing it changes none of that.
 inline void verifyScaledWindow(QWidget &base, QWidget &scaled, qreal scale, bool logoIcon)
 {
-    const QSize expected(qRound(base.width() * scale), qRound(base.height() * scale));
+    const qreal rest = qMax(1.0, scale / (scaled.logicalDpiX() / 96.0));
+    const QSize expected(qRound(base.width() * rest), qRound(base.height() * rest));
     QCOMPARE(scaled.size(), expected);
     QCOMPARE(scaled.minimumSize(), expected);
     QCOMPARE(scaled.maximumSize(), expected);

@@ -1,4 +1,4 @@
-#include "CertListDialog.h"
+#include "ui/CertListDialog.h"
 
 #include "DialogChecks.h"
 #include "FakeUiStatus.h"

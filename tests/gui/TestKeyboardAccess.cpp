@@ -1,5 +1,5 @@
-#include "SimpleSoftKeyboard.h"
-#include "SoftKeyboard.h"
+#include "keyboard/SimpleSoftKeyboard.h"
+#include "keyboard/SoftKeyboard.h"
 
 #include <QAccessible>
 #include <QLabel>

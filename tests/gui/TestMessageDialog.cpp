@@ -1,4 +1,4 @@
-#include "MessageDialog.h"
+#include "ui/MessageDialog.h"
 
 #include "DialogChecks.h"
 #include "FakeUiStatus.h"
@@ -73,7 +73,8 @@ void TestMessageDialog::testTextLookup()
         MessageDialog dlg(c.title, c.message, 0, &status, 1.0f);
         QCOMPARE(dlg.windowTitle(), QString(c.shownTitle));
         QCOMPARE(dlg.findChild<QLabel *>("label_message")->text(), QString(c.shownMessage));
-        QCOMPARE(button(&dlg, "pushButton_Retry")->text(), QStringLiteral("T<Retry>"));
+        // Translated, with its accelerator.
+        QCOMPARE(button(&dlg, "pushButton_Retry")->text(), QStringLiteral("&T<Retry>"));
     }
     QCoreApplication::removeTranslator(&translator);
     QCOMPARE(status.msgReports.load(), 0);

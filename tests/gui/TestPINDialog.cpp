@@ -1,7 +1,7 @@
-#include "PINDialog.h"
+#include "ui/PINDialog.h"
 
 #include "FakeUiStatus.h"
-#include "SoftKeyboard.h"
+#include "keyboard/SoftKeyboard.h"
 
 #include <QApplication>
 #include <QClipboard>

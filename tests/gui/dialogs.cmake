@@ -34,3 +34,8 @@ zrui_add_test(NAME TestCertListDialog
 zrui_add_test(NAME TestWaitingDialog
   SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestWaitingDialog.cpp $<TARGET_OBJECTS:zrui_dialogs_testres>
   LIBS zrui_ui zrui_testsupport)
+
+# Escape, Return, accelerators, focus ring and Tab order of every dialog.
+zrui_add_test(NAME TestDialogKeys
+  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestDialogKeys.cpp $<TARGET_OBJECTS:zrui_dialogs_testres>
+  LIBS zrui_ui zrui_testsupport)

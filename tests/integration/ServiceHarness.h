@@ -14,7 +14,7 @@ class FIFO_Service;
 
 /**
  * The real FIFO_Service in a QThread of its own, as the coordinator runs it,
- * with FakeUiStatus behind it and the stand-in token libraries bound through
+ * with FakeUiStatus as its status handler and the stand-in token libraries bound through
  * the real loader; clients talk to it over the real abstract socket. The log
  * is captured in memory (process-wide), the service's signals are recorded as
  * texts such as "show_pin_dialog(3)".

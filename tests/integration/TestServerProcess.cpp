@@ -147,11 +147,13 @@ void TestServerProcess::testSecretsProtected()
 {
     ServerLauncher server;
     QVERIFY2(server.start() && server.waitForListening(), qPrintable(server.errorString()));
+#ifndef ZRUI_SANITIZED // the sanitizer runtimes turn mlock into a no-op
     QFile status(QStringLiteral("/proc/%1/status").arg(server.process().processId()));
     QVERIFY(status.open(QIODevice::ReadOnly));
     const QByteArray all = status.readAll();
     const QByteArray vmLck = all.mid(all.indexOf("\nVmLck:") + 8).split('\n').value(0).trimmed();
     QVERIFY2(vmLck.split(' ').value(0).toInt() >= 12, vmLck.constData());
+#endif
     QVERIFY(LogFile::waitForLine(QStringLiteral("genPipeName:")));
     struct stat st;
     QCOMPARE(::stat(QFile::encodeName(LogFile::path()).constData(), &st), 0);

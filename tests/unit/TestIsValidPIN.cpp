@@ -1,4 +1,4 @@
-#include "PINDialog.h"
+#include "ui/PINDialog.h"
 
 #include "FakeUiStatus.h"
 

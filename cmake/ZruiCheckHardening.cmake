@@ -1,0 +1,72 @@
+# cmake -DREADELF=<readelf> -DFORTIFY=<ON|OFF> -DBINARIES=<file;...> -P ZruiCheckHardening.cmake
+#
+# Checks the ELF facts of a hardened build on each binary: position
+# independent (ET_DYN), full RELRO (GNU_RELRO segment and BIND_NOW), the
+# stack protector in use (__stack_chk_fail imported) and, unless the build
+# is sanitized, _FORTIFY_SOURCE in effect (some checked __*_chk function
+# imported). Lists every missing fact and fails if there is one.
+foreach(var READELF BINARIES)
+  if(NOT ${var})
+    message(FATAL_ERROR "${var} not given")
+  endif()
+endforeach()
+
+function(zrui_readelf out)
+  execute_process(COMMAND ${READELF} ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE text
+                  ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${READELF} ${ARGN}: ${err}")
+  endif()
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+set(missing)
+foreach(bin ${BINARIES})
+  if(NOT EXISTS "${bin}")
+    message(FATAL_ERROR "${bin} does not exist")
+  endif()
+  get_filename_component(name "${bin}" NAME)
+  zrui_readelf(header -h "${bin}")
+  zrui_readelf(dynamic -d "${bin}")
+  zrui_readelf(segments -lW "${bin}")
+  zrui_readelf(symbols --dyn-syms -W "${bin}")
+
+  set(facts)
+  if(header MATCHES "Type:[ \t]+DYN")
+    list(APPEND facts PIE)
+  else()
+    list(APPEND missing "${name}: not position independent (no ET_DYN)")
+  endif()
+  if(segments MATCHES "GNU_RELRO")
+    list(APPEND facts RELRO)
+  else()
+    list(APPEND missing "${name}: no GNU_RELRO segment")
+  endif()
+  if(dynamic MATCHES "\\(BIND_NOW\\)" OR dynamic MATCHES "\\(FLAGS\\)[^\n]*BIND_NOW"
+     OR dynamic MATCHES "\\(FLAGS_1\\)[^\n]*NOW")
+    list(APPEND facts BIND_NOW)
+  else()
+    list(APPEND missing "${name}: lazy binding (no BIND_NOW)")
+  endif()
+  if(symbols MATCHES "UND[^\n]* __stack_chk_fail")
+    list(APPEND facts canary)
+  else()
+    list(APPEND missing "${name}: no __stack_chk_fail import (no stack protector)")
+  endif()
+  string(REGEX MATCHALL "UND[^\n]* __[a-z0-9_]+_chk" chk "${symbols}")
+  list(FILTER chk EXCLUDE REGEX "__stack_chk")
+  if(chk)
+    list(GET chk 0 first)
+    string(REGEX REPLACE ".* " "" first "${first}")
+    list(APPEND facts "FORTIFY(${first})")
+  elseif(FORTIFY)
+    list(APPEND missing "${name}: no __*_chk import (no _FORTIFY_SOURCE)")
+  endif()
+  string(REPLACE ";" " " facts "${facts}")
+  message(STATUS "${name}: ${facts}")
+endforeach()
+
+if(missing)
+  string(REPLACE ";" "\n  " missing "${missing}")
+  message(FATAL_ERROR "hardening missing:\n  ${missing}")
+endif()
