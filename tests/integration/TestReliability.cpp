@@ -90,7 +90,14 @@ bool pileUpResponses(Conn &c)
            && c.closedByServer();
 }
 
-enum Stall { SilentConnect, HeaderWithoutData, IdleSession, UnreadResponses };
+enum Stall {
+    SilentConnect,
+    HeaderWithoutData,
+    IdleSession,
+    PinFinished,
+    SessionEnded,
+    UnreadResponses
+};
 
 } // namespace
 
@@ -127,6 +134,9 @@ void TestReliability::testStalledClientIsCutOff_data()
     QTest::newRow("header, data never comes")
             << int(HeaderWithoutData) << "request not complete within 5000 ms, connection closed";
     QTest::newRow("open session, idle") << int(IdleSession) << kIdleLine;
+    // Its PIN window gone, a client no longer holds the connection by it.
+    QTest::newRow("PIN finished, idle") << int(PinFinished) << kIdleLine;
+    QTest::newRow("session ended after a PIN request, idle") << int(SessionEnded) << kIdleLine;
     QTest::newRow("responses never read")
             << int(UnreadResponses) << "client does not take its responses, connection closed";
 }
@@ -144,6 +154,12 @@ void TestReliability::testStalledClientIsCutOff()
         QVERIFY(stalled.send(packet(REQ_BeginSession, QByteArray(), 10)));
     else if (stall != SilentConnect)
         QCOMPARE(zrui_begin_session(stalled.h, 1), int(ZRUI_OK));
+    if (stall == PinFinished || stall == SessionEnded) {
+        const quint32 last = stall == PinFinished ? REQ_PIN_Finish : REQ_EndSession;
+        for (const QByteArray &p :
+             {packet(REQ_PIN_Show, u32(0)), packet(REQ_PIN_GetPIN), packet(last)})
+            QVERIFY(stalled.send(p) && stalled.response() != ~0u);
+    }
     if (stall == UnreadResponses) {
         QCOMPARE(zrui_list_show(stalled.h, 1, "a"),
                  int(ZRUI_OK)); // type 1: answered without a window
