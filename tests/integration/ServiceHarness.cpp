@@ -1,14 +1,12 @@
 #include "ServiceHarness.h"
 
 #include "ServerLauncher.h"
-#include "SignalRecorder.h"
 #include "app/LogSink.h"
 #include "app/TokenLibs.h"
 #include "service/FIFO_Service.h"
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QSaveFile>
 #include <QTest>
@@ -16,10 +14,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -29,8 +25,7 @@ namespace {
 std::mutex logMutex;
 QStringList capturedLog;
 bool forwardToLogFile = false;
-QString tokenSimIni;
-QString tokenSimJournal;
+QString tokenSimIni, tokenSimJournal;
 
 void captureHandler(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
@@ -42,6 +37,8 @@ void captureHandler(QtMsgType type, const QMessageLogContext &context, const QSt
         printlogtofile(type, context, message);
 }
 
+QString text(const QString &s) { return s; }
+QString text(unsigned long v) { return QString::number(v); }
 
 } // namespace
 
@@ -61,24 +58,21 @@ bool ServiceHarness::setUp(const QString &dir, const QString &tag, bool alsoLogF
     tokenSimIni = QDir(dir).filePath(QStringLiteral("tokensim.ini"));
     tokenSimJournal = QDir(dir).filePath(QStringLiteral("journal.txt"));
     qputenv("ZRTOKENSIM_CONF", QFile::encodeName(tokenSimIni));
-    qunsetenv("ZRTOKENSIM_JOURNAL");
     QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
     if (dir.isEmpty() || !setTokenPresent(true) || libDir.isEmpty()
-        || LoadLib_ZRKAPI(0, libDir.data()) != 1) {
-        qWarning("token stand-in not set up (ZRUI_TOKENSIM_DIR: %s)", libDir.constData());
+        || LoadLib_ZRKAPI(0, libDir.data()) != 1)
         return false;
-    }
     return start(uniqueAppName(tag));
 }
 
 bool ServiceHarness::setTokenPresent(bool present)
 {
     QSaveFile file(tokenSimIni);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    file.write("[pin]\nmin=6\nmax=16\n[token]\npresent=" + QByteArray(present ? "1" : "0")
-               + "\n[journal]\npath=" + QFile::encodeName(tokenSimJournal) + "\n");
-    return file.commit();
+    return file.open(QIODevice::WriteOnly)
+           && file.write("[pin]\nmin=6\nmax=16\n[token]\npresent=" + QByteArray(present ? "1" : "0")
+                         + "\n[journal]\npath=" + QFile::encodeName(tokenSimJournal) + "\n")
+                      > 0
+           && file.commit();
 }
 
 QStringList ServiceHarness::journalLines()
@@ -87,12 +81,6 @@ QStringList ServiceHarness::journalLines()
     if (!file.open(QIODevice::ReadOnly))
         return QStringList();
     return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-int ServiceHarness::logMark()
-{
-    std::lock_guard<std::mutex> locker(logMutex);
-    return capturedLog.size();
 }
 
 QStringList ServiceHarness::logSince(int mark)
@@ -109,9 +97,9 @@ int ServiceHarness::countLog(const QString &text, int mark, bool exact)
     return n;
 }
 
-bool ServiceHarness::waitForLog(const QString &text, int mark, int count, int timeoutMs, bool exact)
+bool ServiceHarness::waitForLog(const QString &text, int mark, int count, bool exact)
 {
-    return QTest::qWaitFor([&] { return countLog(text, mark, exact) >= count; }, timeoutMs);
+    return QTest::qWaitFor([&] { return countLog(text, mark, exact) >= count; }, 5000);
 }
 
 QString ServiceHarness::uniqueAppName(const QString &tag)
@@ -120,24 +108,54 @@ QString ServiceHarness::uniqueAppName(const QString &tag)
     return QStringLiteral("svct%1_%2_%3").arg(getpid()).arg(++counter).arg(tag);
 }
 
+QStringList ServiceHarness::events(int from, bool withExitTimer) const
+{
+    std::lock_guard<std::mutex> lock(eventMutex);
+    QStringList out;
+    for (const QString &e : recorded.mid(from)) {
+        if (withExitTimer || !e.endsWith(QLatin1String("ExitTimer()")))
+            out << e;
+    }
+    return out;
+}
+
 bool ServiceHarness::start(const QString &appName, bool expectFailure)
 {
     name = appName;
     QCoreApplication::setApplicationName(appName);
     service = new FIFO_Service(&fake, nullptr);
-    recorder = new SignalRecorder(service);
+    // Recorded directly, in the service thread, in emission order.
+    const auto rec = [this](auto signal, const char *name) {
+        QObject::connect(
+                service, signal, &fake,
+                [this, name](auto... args) {
+                    const QStringList parts{text(args)...};
+                    std::lock_guard<std::mutex> lock(eventMutex);
+                    recorded << QStringLiteral("%1(%2)").arg(QLatin1String(name), parts.join('|'));
+                },
+                Qt::DirectConnection);
+    };
+    rec(&FIFO_Service::start_pipe_failed, "start_pipe_failed");
+    rec(&FIFO_Service::pipe_comm_failed, "pipe_comm_failed");
+    rec(&FIFO_Service::startExitTimer, "startExitTimer");
+    rec(&FIFO_Service::stopExitTimer, "stopExitTimer");
+    rec(&FIFO_Service::hide_waiting_dialog, "hide_waiting_dialog");
+    rec(&FIFO_Service::hide_pin_dialog, "hide_pin_dialog");
+    rec(&FIFO_Service::hide_list_dialog, "hide_list_dialog");
+    rec(&FIFO_Service::hide_message_dialog, "hide_message_dialog");
+    rec(&FIFO_Service::show_list_dialog, "show_list_dialog");
+    rec(&FIFO_Service::show_message_dialog, "show_message_dialog");
+    rec(&FIFO_Service::show_waiting_dialog, "show_waiting_dialog");
+    rec(&FIFO_Service::show_pin_dialog, "show_pin_dialog");
     QObject::connect(
             service, &FIFO_Service::show_message_dialog, &fake,
-            [this](const QString &, const QString &, unsigned long) {
-                const int answer = autoMsgAnswer.load();
-                if (answer != NoAutoAnswer)
-                    fake.SetMsgStatus(answer);
+            [this] {
+                if (autoMsgAnswer.load() != NoAutoAnswer)
+                    fake.SetMsgStatus(autoMsgAnswer.load());
             },
             Qt::DirectConnection);
-    // Emitted by the service thread as its last act: the release/acquire
-    // pair shows ThreadSanitizer that the thread's work is over before the
-    // service is deleted (QThread::wait() synchronises inside QtCore, which
-    // is not instrumented).
+    // The service thread's last act: the release/acquire pair shows
+    // ThreadSanitizer its work is over before the service is deleted.
     threadDone = false;
     QObject::connect(
             &thread, &QThread::finished, &fake,
@@ -150,7 +168,7 @@ bool ServiceHarness::start(const QString &appName, bool expectFailure)
     bool failed = false;
     const bool settled = QTest::qWaitFor(
             [&] {
-                failed = recorder->events().contains(QStringLiteral("start_pipe_failed()"));
+                failed = events().contains(QStringLiteral("start_pipe_failed()"));
                 return failed || (!expectFailure && ServerLauncher::isListening(socketName()));
             },
             5000);
@@ -162,18 +180,17 @@ bool ServiceHarness::stop(int timeoutMs)
     if (!running)
         return true;
     service->StopPipeListening();
-    // A message box still waiting for its answer would block the thread.
-    if (fake.GetMsgStatus() == -1)
+    if (fake.GetMsgStatus() == -1) // a box still waiting would block the thread
         fake.SetMsgStatus(1);
     thread.quit();
     if (!QTest::qWaitFor([this] { return threadDone.load(std::memory_order_acquire); }, timeoutMs))
         return false;
     thread.wait();
     running = false;
-    delete recorder;
-    recorder = nullptr;
     delete service;
     service = nullptr;
+    std::lock_guard<std::mutex> lock(eventMutex);
+    recorded.clear();
     return true;
 }
 
@@ -194,15 +211,17 @@ void TestClient::close()
     h = nullptr;
 }
 
-int TestClient::request(quint32 op, const QByteArray &data, quint32 *resp, QByteArray *out)
+quint32 TestClient::ask(quint32 op, const QByteArray &data, QByteArray *out)
 {
     QByteArray buf(COMMPACK_MAX_DATA, '\0');
-    uint32_t len = 0;
-    const int rc = zrui_request(h, op, data.constData(), uint32_t(data.size()), resp, buf.data(),
-                                uint32_t(buf.size()), &len);
+    uint32_t len = 0, resp = 0xdead;
+    if (zrui_request(h, op, data.constData(), uint32_t(data.size()), &resp, buf.data(),
+                     uint32_t(buf.size()), &len)
+        != ZRUI_OK)
+        return 0xdead;
     if (out)
-        *out = rc == ZRUI_OK ? buf.left(int(len)) : QByteArray();
-    return rc;
+        *out = buf.left(int(len));
+    return resp;
 }
 
 bool TestClient::sendRaw(const QByteArray &bytes)
@@ -212,10 +231,9 @@ bool TestClient::sendRaw(const QByteArray &bytes)
 
 bool TestClient::readResponse(quint32 *resp, QByteArray *data, int timeoutMs)
 {
-    if (!waitReadable(timeoutMs))
-        return false;
     COMMPACK hdr;
-    if (zrui_recv_raw(h, &hdr, sizeof hdr) != ZRUI_OK || hdr.datalen > COMMPACK_MAX_DATA)
+    if (!waitReadable(timeoutMs) || zrui_recv_raw(h, &hdr, sizeof hdr) != ZRUI_OK
+        || hdr.datalen > COMMPACK_MAX_DATA)
         return false;
     QByteArray body(int(hdr.datalen), '\0');
     if (hdr.datalen && zrui_recv_raw(h, body.data(), hdr.datalen) != ZRUI_OK)
@@ -229,39 +247,24 @@ bool TestClient::readResponse(quint32 *resp, QByteArray *data, int timeoutMs)
 bool TestClient::waitReadable(int timeoutMs)
 {
     pollfd p = {zrui_fd(h), POLLIN, 0};
-    QElapsedTimer timer;
-    timer.start();
-    for (;;) {
-        const int remaining = int(qMax<qint64>(0, timeoutMs - timer.elapsed()));
-        const int n = poll(&p, 1, remaining);
-        if (n > 0)
-            return true;
-        if (n == 0 || errno != EINTR)
-            return false;
-    }
+    int n;
+    while ((n = poll(&p, 1, timeoutMs)) < 0 && errno == EINTR) { }
+    return n > 0;
 }
 
 bool TestClient::waitClosed(int timeoutMs, QByteArray *extra)
 {
-    QElapsedTimer timer;
-    timer.start();
-    for (;;) {
-        const int remaining = int(qMax<qint64>(0, timeoutMs - timer.elapsed()));
-        if (!waitReadable(remaining))
-            return false;
+    while (waitReadable(timeoutMs)) {
         char buf[4096];
         const ssize_t n = read(zrui_fd(h), buf, sizeof buf);
         if (n == 0)
             return true;
-        if (n < 0) {
-            if (errno == EINTR || errno == EAGAIN)
-                continue;
-            // The server closed while bytes of ours were still unread.
-            return errno == ECONNRESET;
-        }
-        if (extra)
+        if (n < 0 && errno != EINTR && errno != EAGAIN)
+            return errno == ECONNRESET; // closed while bytes of ours were unread
+        if (n > 0 && extra)
             extra->append(buf, int(n));
     }
+    return false;
 }
 
 QByteArray TestClient::packet(quint32 op, const QByteArray &data)

@@ -1,113 +1,105 @@
-// zrui-cli against the real server (offscreen): exit codes, the session
-// scripting, JSON output and the unattended demo.
+// zrui-cli and the client library against the real server (offscreen): exit
+// codes, session scripting, JSON output, global options anywhere on the line,
+// and "busy" within the deadline while another program holds the server.
 #include "ServerLauncher.h"
+#include "client/zrui_client.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QtTest>
+
+#include <memory>
 
 class TestCli : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void cleanupTestCase();
-
-    void testExitCodes_data();
-    void testExitCodes();
+    void initTestCase()
+    {
+        QVERIFY2(QFile::exists(qEnvironmentVariable("ZRUI_CLI")), "ZRUI_CLI names zrui-cli");
+        QVERIFY2(server.start() && server.waitForListening(), server.output().constData());
+    }
+    void testRun_data();
+    void testRun();
     void testJsonSteps();
-    void testListTypeOneAnswersWithoutWindow();
-    void testPinTimeout();
-    void testUnattendedDemo();
-    void testHelpPerCommand_data();
-    void testHelpPerCommand();
-    void testNoServer();
+    void testSecondProgramBusy_data();
+    void testSecondProgramBusy();
 
 private:
-    struct Run
+    // Exit code (-1: no normal end), stdout and stderr merged into out.
+    static int cli(const QStringList &args, QByteArray *out)
     {
-        int exitCode = -1;
-        QString out;
-        QString err;
-    };
-    Run cli(const QStringList &args, int timeoutMs = 30000);
-
-    ServerLauncher server;
-    QString cliPath;
-};
-
-void TestCli::initTestCase()
-{
-    cliPath = qEnvironmentVariable("ZRUI_CLI");
-    QVERIFY2(QFile::exists(cliPath), "ZRUI_CLI must name the built zrui-cli");
-    QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QVERIFY2(server.waitForListening(), server.output().constData());
-}
-
-void TestCli::cleanupTestCase() { server.stop(); }
-
-TestCli::Run TestCli::cli(const QStringList &args, int timeoutMs)
-{
-    QProcess p;
-    p.start(cliPath, QStringList{QStringLiteral("--server"), server.appName()} + args);
-    Run r;
-    if (!p.waitForFinished(timeoutMs)) {
+        QProcess p;
+        p.setProcessChannelMode(QProcess::MergedChannels);
+        p.start(qEnvironmentVariable("ZRUI_CLI"), args);
+        const bool ended = p.waitForFinished(30000) && p.exitStatus() == QProcess::NormalExit;
         p.kill();
         p.waitForFinished();
-        return r;
+        *out = p.readAll();
+        return ended ? p.exitCode() : -1;
     }
-    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -2;
-    r.out = QString::fromUtf8(p.readAllStandardOutput());
-    r.err = QString::fromUtf8(p.readAllStandardError());
-    return r;
-}
+    ServerLauncher server;
+};
 
-void TestCli::testExitCodes_data()
+void TestCli::testRun_data()
 {
-    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QStringList>("args"); // "--server <app>" first unless the row names one
     QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("lastLine");
-
-    QTest::newRow("session begin end")
-            << QStringList{"session", "begin", "end"} << 0 << "end -> ZRUI_OK";
-    // Not allowed as the first request: response 3 and the connection is gone.
-    QTest::newRow("state error") << QStringList{"session", "end"} << 4 << "end -> ZRUI_E_STATE";
-    QTest::newRow("reserved 12 closes")
-            << QStringList{"session", "begin", "op=12"} << 8 << "op=12 -> ZRUI_E_CLOSED";
-    QTest::newRow("raw list selection")
-            << QStringList{"session", "begin", "list-show=1:a\\nb", "list-wait", "op=11"} << 0
-            << "op=11 -> ZRUI_OK response 0 datalen 4 data ff ff ff ff";
-    QTest::newRow("pending pin") << QStringList{"session", "begin", "pin-show=0", "pin-get", "end"}
-                                 << 0 << "end -> ZRUI_OK";
-    QTest::newRow("unknown step") << QStringList{"session", "bogus"} << 2 << "";
-    QTest::newRow("unknown command") << QStringList{"frobnicate"} << 2 << "";
-    QTest::newRow("retry without count") << QStringList{"retry"} << 2 << "";
+    QTest::addColumn<QString>("output"); // must appear in the output
+    const QString app = server.appName();
+    const auto row = [](const char *name, const QStringList &args, int code, const QString &out) {
+        QTest::newRow(name) << args << code << out;
+    };
+    row("session begin end", {"session", "begin", "end"}, 0, "end -> ZRUI_OK\n");
+    // Not allowed as the first request: response 3, the connection gone.
+    row("state error", {"session", "end"}, 4, "end -> ZRUI_E_STATE\n");
+    row("reserved 12 closes", {"session", "begin", "op=12"}, 8, "op=12 -> ZRUI_E_CLOSED\n");
+    row("raw list selection", {"session", "begin", "list-show=1:a\\nb", "list-wait", "op=11"}, 0,
+        "op=11 -> ZRUI_OK response 0 datalen 4 data ff ff ff ff\n");
+    row("pending pin", {"session", "begin", "pin-show=0", "pin-get", "end"}, 0, "end -> ZRUI_OK\n");
+    row("list type 1 answers without a window", {"list", "--type", "1", "A", "B"}, 0,
+        "REQ_List_GetSel -> ZRUI_OK index -1\n");
+    // Nobody answers offscreen: the deadline ends the wait with its own code.
+    row("pin time-out", {"pin", "verify", "--timeout", "0.5"}, 7,
+        "REQ_PIN_GetPIN -> ZRUI_E_TIMEOUT");
+    row("unattended demo", {"demo", "--unattended"}, 0, "  REQ_Waiting_Finish -> ZRUI_OK\n");
+    row("unknown step", {"session", "bogus"}, 2, "zrui-cli: ");
+    row("unknown command", {"frobnicate"}, 2, "zrui-cli: ");
+    row("retry without count", {"retry"}, 2, "zrui-cli: ");
+    row("help of a command", {"session", "--help"}, 0,
+        "Usage: zrui-cli [--server NAME] [--json] session");
+    row("no server", {"--server", "zrui-no-such-server", "session", "begin"}, 6, "ZRUI_E_NOSERVER");
+    row("--version after a command", {"pin", "verify", "--version"}, 0, "zrui-cli 5.");
+    row("globals after the command",
+        {"message", "--json", "--text", "x", "--server", "zrui-no-such-server"}, 6, "\"exit\": 6");
+    row("globals between the command's words",
+        {"session", "--server=" + app, "begin", "--json", "end"}, 0, "\"request\": \"end\"");
+    row("bad global --timeout", {"--timeout", "x", "message"}, 2, "bad --timeout");
 }
 
-void TestCli::testExitCodes()
+void TestCli::testRun()
 {
     QFETCH(QStringList, args);
     QFETCH(int, exitCode);
-    QFETCH(QString, lastLine);
-    const Run r = cli(args);
-    QCOMPARE(r.exitCode, exitCode);
-    if (!lastLine.isEmpty())
-        QCOMPARE(r.out.trimmed().split('\n').last(), lastLine);
-    else
-        QVERIFY2(r.err.startsWith("zrui-cli: "), qPrintable(r.err));
+    QFETCH(QString, output);
+    if (!args.join(' ').contains("--server"))
+        args = QStringList{"--server", server.appName()} + args;
+    QByteArray out;
+    QCOMPARE(cli(args, &out), exitCode);
+    QVERIFY2(out.contains(output.toUtf8()), out.constData());
 }
 
 void TestCli::testJsonSteps()
 {
-    // The type 1 answer is set by the GUI thread, so the first look may still
-    // be "no result": wait for it, then look once more.
-    const Run r
-            = cli({"--json", "session", "begin", "list-show=1:x", "list-wait", "list-get", "end"});
-    QCOMPARE(r.exitCode, 0);
-    const QJsonObject doc = QJsonDocument::fromJson(r.out.toUtf8()).object();
+    // Type 1 is answered by the GUI thread: wait for the answer, then look once more.
+    QByteArray out;
+    QCOMPARE(cli({"--server", server.appName(), "--json", "session", "begin", "list-show=1:x",
+                  "list-wait", "list-get", "end"},
+                 &out),
+             0);
+    const QJsonObject doc = QJsonDocument::fromJson(out).object();
     const QJsonArray steps = doc.value("steps").toArray();
     QCOMPARE(steps.size(), 5);
     QCOMPARE(steps.at(2).toObject().value("index").toInt(), -1);
@@ -117,69 +109,43 @@ void TestCli::testJsonSteps()
     QCOMPARE(doc.value("exit").toInt(), 0);
 }
 
-void TestCli::testListTypeOneAnswersWithoutWindow()
+void TestCli::testSecondProgramBusy_data()
 {
-    const Run r = cli({"list", "--type", "1", "A", "B"});
-    QCOMPARE(r.exitCode, 0);
-    QVERIFY2(r.out.contains("REQ_List_GetSel -> ZRUI_OK index -1\n"), qPrintable(r.out));
+    QTest::addColumn<bool>("viaCli");
+    QTest::newRow("library") << false;
+    QTest::newRow("zrui-cli") << true;
 }
 
-void TestCli::testPinTimeout()
+void TestCli::testSecondProgramBusy()
 {
-    // Nobody answers offscreen: the deadline ends the wait with its own code.
-    const Run r = cli({"pin", "verify", "--timeout", "0.5"});
-    QCOMPARE(r.exitCode, 7);
-    QVERIFY2(r.out.contains("REQ_PIN_GetPIN -> ZRUI_E_TIMEOUT"), qPrintable(r.out));
-}
-
-void TestCli::testUnattendedDemo()
-{
-    const Run r = cli({"demo", "--unattended"});
-    QCOMPARE(r.exitCode, 0);
-    QVERIFY2(r.out.contains("  REQ_List_GetSel -> ZRUI_OK index -1\n"), qPrintable(r.out));
-    QVERIFY(r.out.contains("  REQ_Waiting_Show type=2 info=\"1=3\" -> ZRUI_OK\n"));
-    QVERIFY(r.out.contains("  REQ_Waiting_Finish -> ZRUI_OK\n"));
-    QVERIFY(r.out.endsWith("Demo finished.\n"));
-}
-
-void TestCli::testHelpPerCommand_data()
-{
-    QTest::addColumn<QString>("command");
-    QTest::addColumn<QString>("mentions");
-    QTest::newRow("pin") << "pin"
-                         << "verify-admin";
-    QTest::newRow("retry") << "retry"
-                           << "--default-forbidden";
-    QTest::newRow("message") << "message"
-                             << "--title";
-    QTest::newRow("list") << "list"
-                          << "ENTRY...";
-    QTest::newRow("wait") << "wait"
-                          << "--seconds";
-    QTest::newRow("session") << "session"
-                             << "pin-wait[=SECONDS]";
-    QTest::newRow("demo") << "demo"
-                          << "--unattended";
-}
-
-void TestCli::testHelpPerCommand()
-{
-    QFETCH(QString, command);
-    QFETCH(QString, mentions);
-    const Run r = cli({command, "--help"});
-    QCOMPARE(r.exitCode, 0);
-    QVERIFY2(r.out.startsWith("Usage: zrui-cli [--server NAME] [--json] " + command),
-             qPrintable(r.out));
-    QVERIFY2(r.out.contains(mentions), qPrintable(r.out));
-}
-
-void TestCli::testNoServer()
-{
-    QProcess p;
-    p.start(cliPath, {"--server", "NoSuchServerForTestCli", "session", "begin"});
-    QVERIFY(p.waitForFinished(10000));
-    QCOMPARE(p.exitCode(), 6);
-    QVERIFY(p.readAllStandardOutput().contains("ZRUI_E_NOSERVER"));
+    QFETCH(bool, viaCli);
+    const QByteArray name = server.appName().toUtf8();
+    zrui_conn *first = nullptr;
+    QCOMPARE(zrui_open(name.constData(), &first), int(ZRUI_OK));
+    // Closed however the test ends: a failure must not keep the server taken.
+    std::unique_ptr<zrui_conn, void (*)(zrui_conn *)> guard(first, zrui_close);
+    QCOMPARE(zrui_begin_session(first, 1), int(ZRUI_OK));
+    if (viaCli) {
+        QByteArray out;
+        QCOMPARE(cli({"message", "--text", "PIN_Locked", "--timeout", "0.5", "--server",
+                      server.appName()},
+                     &out),
+                 11);
+        QVERIFY2(out.contains("busy with another program"), out.constData());
+    } else {
+        zrui_conn *second = nullptr;
+        QCOMPARE(zrui_open_timeout(name.constData(), 500, &second), int(ZRUI_OK));
+        QCOMPARE(zrui_begin_session(second, 1), int(ZRUI_E_BUSY));
+        zrui_close(second);
+    }
+    // Once the first program is done, the next one is served at once.
+    QCOMPARE(zrui_end_session(first), int(ZRUI_OK));
+    zrui_close(guard.release());
+    zrui_conn *next = nullptr;
+    QCOMPARE(zrui_open_timeout(name.constData(), 10000, &next), int(ZRUI_OK));
+    QCOMPARE(zrui_begin_session(next, 1), int(ZRUI_OK));
+    QCOMPARE(zrui_end_session(next), int(ZRUI_OK));
+    zrui_close(next);
 }
 
 QTEST_GUILESS_MAIN(TestCli)

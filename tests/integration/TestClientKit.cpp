@@ -1,7 +1,7 @@
 // The client kit as a middleware author meets it: installed into a staging
 // directory (DESTDIR), each public header compiled alone in C and C++, and
-// the C example built through pkg-config and through CMake find_package and
-// run. The rows run in order; each one builds on the ones before.
+// the C example built through pkg-config and CMake find_package, then run.
+// The rows run in order; each builds on the ones before.
 #include <QDir>
 #include <QProcess>
 #include <QtTest>
@@ -9,12 +9,10 @@
 namespace {
 
 const QString Build = QStringLiteral(ZRUI_KIT_BUILD_DIR);
-const QString Source = QStringLiteral(ZRUI_KIT_SOURCE_DIR);
-const QString Prefix = QStringLiteral(ZRUI_KIT_PREFIX);
 const QString Work = Build + QStringLiteral("/test-output/client-kit");
 const QString Stage = Work + QStringLiteral("/stage");
-const QString Include = Stage + Prefix + QStringLiteral("/include");
-const QString LibDir = Stage + Prefix + QStringLiteral("/" ZRUI_KIT_LIBDIR);
+const QString Prefix = Stage + QStringLiteral(ZRUI_KIT_PREFIX);
+const QString LibDir = Prefix + QStringLiteral("/" ZRUI_KIT_LIBDIR);
 
 } // namespace
 
@@ -34,47 +32,35 @@ void TestClientKit::testStep_data()
     QTest::addColumn<QStringList>("args");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QByteArray>("output"); // must appear in stdout/stderr
-
-    for (const char *component : {"client", "client-dev"})
-        QTest::addRow("install %s", component)
-                << "cmake" << QStringList{"--install", Build, "--component", component} << 0
-                << QByteArray();
-    const QString example = Source + QStringLiteral("/examples/verify-pin");
-    for (const char *header : {"client", "protocol"}) {
-        const QString probe = Work + QStringLiteral("/alone_%1.c").arg(QLatin1String(header));
+    const auto row = [](const QString &name, const QString &program, const QStringList &args,
+                        int code = 0, const QByteArray &out = QByteArray()) {
+        QTest::newRow(qPrintable(name)) << program << args << code << out;
+    };
+    for (const QString component : {"client", "client-dev"})
+        row("install " + component, "cmake", {"--install", Build, "--component", component});
+    for (const QString header : {"client", "protocol"}) {
+        const QString probe = Work + "/alone_" + header + ".c";
         QFile f(probe);
         if (f.open(QIODevice::WriteOnly))
-            f.write(QByteArray("#include <zrui/") + header
+            f.write("#include <zrui/" + header.toUtf8()
                     + ".h>\nint main(void) { return UI_OK + ZRUI_PIN_VERIFY_USER; }\n");
-        QTest::addRow("%s.h alone in C", header)
-                << "cc" << QStringList{"-std=c99", "-Wall", "-Werror", "-pedantic",  "-I" + Include,
-                                       "-c",       probe,   "-o",      Work + "/c.o"}
-                << 0 << QByteArray();
-        QTest::addRow("%s.h alone in C++", header)
-                << "c++"
-                << QStringList{"-std=c++17", "-Wall", "-Werror", "-I" + Include, "-x",
-                               "c++",        "-c",    probe,     "-o",           Work + "/cxx.o"}
-                << 0 << QByteArray();
+        const QStringList common{"-Wall", "-Werror", "-I" + Prefix + "/include", "-c", probe};
+        row(header + ".h alone in C", "cc",
+            QStringList{"-std=c99", "-pedantic"} + common + QStringList{"-o", Work + "/c.o"});
+        row(header + ".h alone in C++", "c++",
+            QStringList{"-std=c++17", "-x", "c++"} + common + QStringList{"-o", Work + "/cxx.o"});
     }
-    QTest::newRow("build through pkg-config")
-            << "sh"
-            << QStringList{"-c",
-                           "cc -Wall -Werror \"$0\" $(pkg-config --cflags --libs zrui-client) "
-                           "-o \"$1\"",
-                           example + "/verify_pin.c", Work + "/verify_pin_pc"}
-            << 0 << QByteArray();
-    QTest::newRow("configure through find_package")
-            << "cmake"
-            << QStringList{"-S", example, "-B", Work + "/example",
-                           "-DCMAKE_PREFIX_PATH=" + Stage + Prefix}
-            << 0 << QByteArray();
-    QTest::newRow("build through find_package")
-            << "cmake" << QStringList{"--build", Work + "/example"} << 0 << QByteArray();
+    const QString example = QStringLiteral(ZRUI_KIT_SOURCE_DIR "/examples/verify-pin");
+    row("build through pkg-config", "sh",
+        {"-c", "cc -Wall -Werror \"$0\" $(pkg-config --cflags --libs zrui-client) -o \"$1\"",
+         example + "/verify_pin.c", Work + "/verify_pin_pc"});
+    row("configure through find_package", "cmake",
+        {"-S", example, "-B", Work + "/example", "-DCMAKE_PREFIX_PATH=" + Prefix});
+    row("build through find_package", "cmake", {"--build", Work + "/example"});
     // No server under that name: the example runs, links and says so.
-    for (const QString &exe : {Work + "/verify_pin_pc", Work + "/example/verify_pin"})
-        QTest::newRow(qPrintable("run " + QFileInfo(exe).fileName()))
-                << exe << QStringList{"zrui-kit-no-such-server"} << 1
-                << QByteArray("verify_pin: ZRUI_E_NOSERVER");
+    for (const QString exe : {"/verify_pin_pc", "/example/verify_pin"})
+        row("run " + exe, Work + exe, {"zrui-kit-no-such-server"}, 1,
+            "verify_pin: ZRUI_E_NOSERVER");
 }
 
 void TestClientKit::testStep()
@@ -89,13 +75,13 @@ void TestClientKit::testStep()
     if (QFileInfo(program).fileName().startsWith(QLatin1String("verify_pin")))
         QSKIP("the example is not built with the sanitizer runtime its library needs");
 #endif
-    QProcess p;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("DESTDIR"), Stage);
+    env.insert("DESTDIR", Stage);
     // The staged .pc names the final prefix; the sysroot maps it into the stage.
-    env.insert(QStringLiteral("PKG_CONFIG_SYSROOT_DIR"), Stage);
-    env.insert(QStringLiteral("PKG_CONFIG_PATH"), LibDir + QStringLiteral("/pkgconfig"));
-    env.insert(QStringLiteral("LD_LIBRARY_PATH"), LibDir);
+    env.insert("PKG_CONFIG_SYSROOT_DIR", Stage);
+    env.insert("PKG_CONFIG_PATH", LibDir + "/pkgconfig");
+    env.insert("LD_LIBRARY_PATH", LibDir);
+    QProcess p;
     p.setProcessEnvironment(env);
     p.setProcessChannelMode(QProcess::MergedChannels);
     p.start(program, args);

@@ -11,148 +11,88 @@
 #include "ui/WaitingDialog.h"
 
 #include <QComboBox>
-#include <QDir>
-#include <QFile>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPointer>
 #include <QPushButton>
 #include <QResource>
-#include <QTemporaryDir>
-#include <QThread>
 #include <QTranslator>
 #include <QtTest>
 
-#include <algorithm>
 #include <atomic>
+#include <future>
 #include <memory>
 #include <mutex>
-#include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
 
-const int DEADLINE_MS = 10000;
+const int kDeadlineMs = 10000;
 
 QByteArray u32(quint32 v) { return QByteArray(reinterpret_cast<const char *>(&v), 4); }
 
-QByteArray withText(quint32 v, const char *text) { return u32(v) + QByteArray(text) + '\0'; }
-
-struct Reply
+// "rc resp hex" of one request, compared as one text so a failure shows all three.
+QByteArray expect(quint32 resp, const char *hex = "")
 {
-    int rc = ZRUI_E_IO; // transport result of zrui_request
-    quint32 resp = 0xFFFFFFFFu; // response code
-    QByteArray data;
-};
+    return QByteArray::number(ZRUI_OK) + ' ' + QByteArray::number(resp) + ' '
+           + QByteArray::fromHex(hex).toHex();
+}
 
-// One request on a worker thread while the GUI thread runs its event loop; if
-// the answer never comes, take() shuts the socket down: a failure never hangs.
-class PendingRequest
+// One request on a worker thread while the GUI thread runs its event loop; the
+// connection's time-out ends it if nobody answers, so a failure never hangs.
+std::future<QByteArray> request(zrui_conn *conn, quint32 op, const QByteArray &data)
 {
-public:
-    PendingRequest(zrui_conn *conn, quint32 op, const QByteArray &data)
-        : fd(zrui_fd(conn))
-    {
-        worker = std::thread([this, conn, op, data]() {
-            QByteArray out(COMMPACK_MAX_DATA, '\0');
-            uint32_t resp = 0xFFFFFFFFu;
-            uint32_t outLen = 0;
-            reply.rc = zrui_request(conn, op, data.isEmpty() ? nullptr : data.constData(),
-                                    uint32_t(data.size()), &resp, out.data(), uint32_t(out.size()),
-                                    &outLen);
-            reply.resp = resp;
-            reply.data = out.left(int(outLen));
-            finished.store(true, std::memory_order_release);
-        });
-    }
-    ~PendingRequest() { take(); }
+    return std::async(std::launch::async, [=] {
+        QByteArray out(COMMPACK_MAX_DATA, '\0');
+        uint32_t resp = ~0u, len = 0;
+        const int rc = zrui_request(conn, op, data.constData(), uint32_t(data.size()), &resp,
+                                    out.data(), uint32_t(out.size()), &len);
+        return QByteArray::number(rc) + ' ' + QByteArray::number(resp) + ' '
+               + out.left(int(len)).toHex();
+    });
+}
 
-    bool isFinished() const { return finished.load(std::memory_order_acquire); }
+bool ready(const std::future<QByteArray> &f)
+{
+    return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
 
-    bool waitFinished()
-    {
-        return QTest::qWaitFor([this]() { return isFinished(); }, DEADLINE_MS);
-    }
-
-    Reply take()
-    {
-        if (worker.joinable()) {
-            if (!isFinished() && fd >= 0)
-                ::shutdown(fd, SHUT_RDWR);
-            worker.join();
-        }
-        return reply;
-    }
-
-private:
-    int fd;
-    Reply reply;
-    std::atomic<bool> finished{false};
-    std::thread worker;
-};
+QByteArray result(std::future<QByteArray> f)
+{
+    (void)QTest::qWaitFor([&] { return ready(f); }, 2 * kDeadlineMs);
+    return f.get();
+}
 
 // Everything logged while a test runs, to prove that PIN bytes never show.
 std::mutex g_logMutex;
 QStringList g_logLines;
-QtMessageHandler g_previousHandler = nullptr;
 
-void captureMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
+void captureMessage(QtMsgType, const QMessageLogContext &, const QString &message)
 {
-    {
-        std::lock_guard<std::mutex> lock(g_logMutex);
-        g_logLines << message;
-    }
-    if (type != QtDebugMsg || qEnvironmentVariableIsSet("ZRUI_RT_VERBOSE"))
-        g_previousHandler(type, context, message);
-}
-
-// No form of the PIN in any logged line.
-void verifyNotLogged(const QByteArray &pin)
-{
-    if (pin.isEmpty())
-        return;
     std::lock_guard<std::mutex> lock(g_logMutex);
-    for (const QString &line : g_logLines) {
-        for (const QByteArray &needle : {pin, pin.toHex(), pin.toHex(' ')})
-            QVERIFY2(!line.contains(QString::fromUtf8(needle), Qt::CaseInsensitive),
-                     qPrintable("PIN in the log: " + line));
-    }
+    g_logLines << message;
 }
 
-QString trPin(const char *source) { return QCoreApplication::translate("PINDialog", source); }
-
-int visibleWindowCount()
+template<typename T = QLineEdit>
+T *child(QObject *o, const char *name)
 {
-    const QWidgetList all = QApplication::topLevelWidgets();
-    return int(std::count_if(all.cbegin(), all.cend(), [](QWidget *w) { return w->isVisible(); }));
+    return o ? o->findChild<T *>(QLatin1String(name)) : nullptr;
 }
 
-struct PinFields
+QString trIn(const char *context, const char *source)
 {
-    explicit PinFields(QWidget *d)
-        : oldPin(d->findChild<QLineEdit *>("lineEdit_oldPin"))
-        , newPin(d->findChild<QLineEdit *>("lineEdit_newPin"))
-        , confirm(d->findChild<QLineEdit *>("lineEdit_confirmPin"))
-        , comments(d->findChild<QLabel *>("label_comments"))
-        , ok(d->findChild<QPushButton *>("pushButton_OK"))
-        , cancel(d->findChild<QPushButton *>("pushButton_Cancel"))
-    { }
-    bool complete() const { return oldPin && newPin && confirm && comments && ok && cancel; }
-    QLineEdit *oldPin, *newPin, *confirm;
-    QLabel *comments;
-    QPushButton *ok, *cancel;
-};
+    return QCoreApplication::translate(context, source);
+}
+
+int visibleWindows()
+{
+    int n = 0;
+    for (QWidget *w : QApplication::topLevelWidgets())
+        n += w->isVisible();
+    return n;
+}
 
 } // namespace
-
-#define COMPARE_REPLY(reply, expectedResp, expectedHex) \
-    do { \
-        const Reply r_ = (reply); \
-        QCOMPARE(r_.rc, int(ZRUI_OK)); \
-        QCOMPARE(r_.resp, quint32(expectedResp)); \
-        QCOMPARE(r_.data.toHex(' '), QByteArray::fromHex(expectedHex).toHex(' ')); \
-    } while (0)
 
 enum Submit { ClickOk, ReturnInConfirm, ClickCancel, WindowManagerClose };
 Q_DECLARE_METATYPE(Submit)
@@ -161,332 +101,265 @@ class TestDialogRoundTrip : public QObject
 {
     Q_OBJECT
 
-    std::unique_ptr<QTemporaryDir> sandbox;
+    ServerLauncher sandbox; // its files, not its process
     QString savedCwd;
-    QByteArray appName;
-    QTranslator english;
-    QTranslator chinese;
-    bool chineseInstalled = false;
+    QTranslator english, chinese;
     std::unique_ptr<UI_Service> ui;
-    std::shared_ptr<std::atomic<bool>> serviceThreadDone;
+    std::shared_ptr<std::atomic<bool>> threadDone;
     zrui_conn *conn = nullptr;
 
-    static constexpr int PIN_MIN = 6;
-    static constexpr int PIN_MAX = 16;
-
-    Reply call(quint32 op, const QByteArray &data = QByteArray())
+    QByteArray call(quint32 op, const QByteArray &data = QByteArray())
     {
-        if (!conn)
-            return Reply();
-        PendingRequest request(conn, op, data);
-        request.waitFinished();
-        return request.take();
+        return result(request(conn, op, data));
     }
 
     bool beginSession()
     {
-        if (zrui_open(appName.constData(), &conn) != ZRUI_OK) {
-            conn = nullptr;
-            return false;
-        }
-        const Reply reply = call(REQ_BeginSession, QByteArray(2, '\0') + QByteArray(8, '\0'));
-        return reply.rc == ZRUI_OK && reply.resp == UI_OK && reply.data.isEmpty();
+        return zrui_open(qPrintable(QCoreApplication::applicationName()), &conn) == ZRUI_OK
+               && zrui_set_timeout(conn, kDeadlineMs) == ZRUI_OK
+               && call(REQ_BeginSession, QByteArray(10, '\0')) == expect(UI_OK);
     }
 
     PINDialog *showPinDialog(quint32 type)
     {
-        const Reply reply = call(REQ_PIN_Show, u32(type));
-        const auto shown = [this]() {
-            return ui->currentPinDialog() && ui->currentPinDialog()->isVisible();
-        };
-        const bool ok = reply.rc == ZRUI_OK && reply.resp == UI_OK && reply.data.isEmpty();
-        return ok && QTest::qWaitFor(shown, DEADLINE_MS) ? ui->currentPinDialog() : nullptr;
+        const auto shown
+                = [this] { return ui->currentPinDialog() && ui->currentPinDialog()->isVisible(); };
+        return call(REQ_PIN_Show, u32(type)) == expect(UI_OK) && QTest::qWaitFor(shown, kDeadlineMs)
+                       ? ui->currentPinDialog()
+                       : nullptr;
     }
 
-    // Sends a request answered by a message box: while the request waits, the box shows title,
+    // A request answered by a message box: while it waits, the box shows title,
     // text and OK alone or Retry and Cancel; `button` (empty: the window manager) closes it.
     void answerBox(quint32 op, const QByteArray &data, const QString &title, const QString &text,
-                   bool okOnly, const QString &button, quint32 resp)
+                   bool okOnly, const char *button, quint32 resp)
     {
-        PendingRequest request(conn, op, data);
+        std::future<QByteArray> pending = request(conn, op, data);
         QTRY_VERIFY_WITH_TIMEOUT(
-                ui->currentMessageDialog() && ui->currentMessageDialog()->isVisible(), DEADLINE_MS);
+                ui->currentMessageDialog() && ui->currentMessageDialog()->isVisible(), kDeadlineMs);
         QPointer<MessageDialog> box = ui->currentMessageDialog();
-        QVERIFY(!request.isFinished());
+        QVERIFY(!ready(pending));
         QCOMPARE(box->windowTitle(), title);
-        auto *label = box->findChild<QLabel *>("label_message");
-        QVERIFY(label);
-        QCOMPARE(label->text(), text);
+        QVERIFY(child<QLabel>(box, "label_message"));
+        QCOMPARE(child<QLabel>(box, "label_message")->text(), text);
         for (const char *name : {"pushButton_OK", "pushButton_Retry", "pushButton_Cancel"}) {
-            auto *b = box->findChild<QPushButton *>(name);
-            QVERIFY2(b, name);
-            QCOMPARE(b->isVisible(), okOnly == (qstrcmp(name, "pushButton_OK") == 0));
+            QVERIFY2(child<QPushButton>(box, name), name);
+            QCOMPARE(child<QPushButton>(box, name)->isVisible(),
+                     okOnly == !qstrcmp(name, "pushButton_OK"));
         }
-        if (!button.isEmpty())
-            QTest::mouseClick(box->findChild<QPushButton *>(button), Qt::LeftButton);
+        if (*button)
+            QTest::mouseClick(child<QPushButton>(box, button), Qt::LeftButton);
         else
             box->close();
-        QVERIFY(request.waitFinished());
-        COMPARE_REPLY(request.take(), resp, "");
-        QTRY_VERIFY_WITH_TIMEOUT(box.isNull(), DEADLINE_MS);
-        QVERIFY(ui->currentMessageDialog() == nullptr);
+        QCOMPARE(result(std::move(pending)), expect(resp));
+        QTRY_VERIFY_WITH_TIMEOUT(box.isNull() && !ui->currentMessageDialog(), kDeadlineMs);
     }
 
-    // Types the three fields, clicks OK: true when the dialog accepted (hid).
-    static bool typeAndConfirm(PINDialog *dialog, const QByteArray &oldPin,
-                               const QByteArray &newPin, const QByteArray &confirm)
+    // Types the fields, clicks OK: true when the dialog accepted (hid).
+    static bool typeAndConfirm(PINDialog *d, const QString &oldPin, const QString &newPin,
+                               const QString &confirm)
     {
-        const PinFields f(dialog);
-        if (!f.complete())
-            return false;
-        QTest::keyClicks(f.oldPin, QString::fromUtf8(oldPin));
-        QTest::keyClicks(f.newPin, QString::fromUtf8(newPin));
-        QTest::keyClicks(f.confirm, QString::fromUtf8(confirm));
-        QTest::mouseClick(f.ok, Qt::LeftButton);
-        return !dialog->isVisible();
+        QTest::keyClicks(child(d, "lineEdit_oldPin"), oldPin);
+        QTest::keyClicks(child(d, "lineEdit_newPin"), newPin);
+        QTest::keyClicks(child(d, "lineEdit_confirmPin"), confirm);
+        QTest::mouseClick(child<QPushButton>(d, "pushButton_OK"), Qt::LeftButton);
+        return !d->isVisible();
+    }
+
+    static void verifyNotLogged(const QByteArray &pin)
+    {
+        if (pin.isEmpty())
+            return;
+        std::lock_guard<std::mutex> lock(g_logMutex);
+        for (const QString &line : g_logLines) {
+            for (const QByteArray &needle : {pin, pin.toHex(), pin.toHex(' ')})
+                QVERIFY2(!line.contains(QString::fromUtf8(needle), Qt::CaseInsensitive),
+                         qPrintable(line));
+        }
     }
 
 private slots:
     void initTestCase()
     {
-        // Socket name = application name + uid: unique per run.
-        QCoreApplication::setApplicationName(
-                QStringLiteral("TestDialogRoundTrip%1x").arg(QCoreApplication::applicationPid()));
-        appName = QCoreApplication::applicationName().toUtf8();
-
-        const QString binDir = qEnvironmentVariable("ZRUI_BIN_DIR");
-        const QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR");
-        QVERIFY(!binDir.isEmpty());
-        QVERIFY(libDir.endsWith('/'));
-
-        sandbox.reset(new QTemporaryDir());
-        QVERIFY(sandbox->isValid());
-        for (const char *name : {"resources.rcc", "integrityprotect.ini"})
-            QVERIFY2(QFile::copy(binDir + "/" + name, sandbox->filePath(name)), name);
-        for (const auto &file :
-             {qMakePair(QString("ZRUIConf.ini"), "SAFEPATH=" + libDir + "\n"),
-              qMakePair(QString("tokensim.ini"), QByteArray("[pin]\nmin=6\nmax=16\n"
-                                                            "[token]\npresent=1\n"))}) {
-            QFile f(sandbox->filePath(file.first));
-            QVERIFY(f.open(QIODevice::WriteOnly) && f.write(file.second) == file.second.size());
-        }
-        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(sandbox->filePath("tokensim.ini")));
-
-        QVERIFY(QResource::registerResource(sandbox->filePath("resources.rcc"), QString()));
+        QVERIFY2(sandbox.prepare()
+                         && sandbox.writeFile("bin/tokensim.ini",
+                                              "[pin]\nmin=6\nmax=16\n[token]\npresent=1\n"),
+                 qPrintable(sandbox.errorString()));
+        QCoreApplication::setApplicationName(sandbox.appName()); // a socket name of its own
+        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(sandbox.binDir() + "/tokensim.ini"));
+        QVERIFY(QResource::registerResource(sandbox.binDir() + "/resources.rcc"));
         QVERIFY(english.load(":/uiserver.en.qm", QString(), QString(), QString())
                 && !english.isEmpty());
         QVERIFY(chinese.load(":/uiserver.zh_CN.qm", QString(), QString(), QString())
                 && !chinese.isEmpty());
         QVERIFY(QCoreApplication::installTranslator(&english));
-
         savedCwd = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(sandbox->path()));
-        g_previousHandler = qInstallMessageHandler(captureMessage);
+        QVERIFY(QDir::setCurrent(sandbox.binDir()));
+        qInstallMessageHandler(captureMessage);
     }
 
     void cleanupTestCase()
     {
-        qInstallMessageHandler(g_previousHandler);
+        qInstallMessageHandler(nullptr);
         QDir::setCurrent(savedCwd);
     }
 
     void init()
     {
-        // Consume the quit() posted by the previous coordinator's thread.
-        QCoreApplication::sendPostedEvents();
+        QCoreApplication::sendPostedEvents(); // the quit() posted by the last coordinator's thread
         QCoreApplication::processEvents();
-        {
-            std::lock_guard<std::mutex> lock(g_logMutex);
-            g_logLines.clear();
-        }
+        g_logLines.clear();
         ui.reset(new UI_Service(1.0f, nullptr));
-        QVERIFY(ui->service() != nullptr);
+        QVERIFY(ui->service());
         // A release in the service thread's last act, acquired by cleanup() (for TSan).
-        serviceThreadDone = std::make_shared<std::atomic<bool>>(false);
-        std::shared_ptr<std::atomic<bool>> done = serviceThreadDone;
+        threadDone = std::make_shared<std::atomic<bool>>(false);
         connect(
                 ui->service()->thread(), &QThread::finished, ui->service(),
-                [done]() { done->store(true, std::memory_order_release); }, Qt::DirectConnection);
-        QCOMPARE(ui->GetPINMinLen(), PIN_MIN);
-        QCOMPARE(ui->GetPINMaxLen(), PIN_MAX);
-        const QString socket = QString::fromUtf8(appName) + QString::number(getuid());
-        QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(socket), DEADLINE_MS);
+                [done = threadDone] { done->store(true, std::memory_order_release); },
+                Qt::DirectConnection);
+        QCOMPARE(ui->GetPINMinLen(), 6);
+        QCOMPARE(ui->GetPINMaxLen(), 16);
+        QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(QCoreApplication::applicationName()
+                                                             + QString::number(getuid())),
+                                 kDeadlineMs);
     }
 
     void cleanup()
     {
-        // A failed test may leave the service thread waiting for a box answer.
         QCoreApplication::processEvents();
-        if (ui && ui->GetMsgStatus() == -1)
+        if (ui->GetMsgStatus() == -1) // a failed test may leave a box waiting
             ui->SetMsgStatus(0);
-        if (conn) {
-            zrui_close(conn);
-            conn = nullptr;
-        }
-        if (ui) {
-            ui->on_pin_dialog_hide();
-            ui->on_waiting_dialog_hide();
-            ui->on_message_dialog_hide();
-            ui->on_list_dialog_hide();
-            if (FIFO_Service *service = ui->service()) {
-                QThread *thread = service->thread();
-                QElapsedTimer clock;
-                clock.start();
-                while (!serviceThreadDone->load(std::memory_order_acquire)
-                       && clock.elapsed() < DEADLINE_MS) {
-                    service->StopPipeListening();
-                    thread->quit();
-                    QTest::qWait(20);
-                }
-                if (!serviceThreadDone->load(std::memory_order_acquire))
-                    qWarning("service thread still running after %d ms", DEADLINE_MS);
-            }
-            ui.reset();
-        }
-        if (chineseInstalled) {
-            QCoreApplication::removeTranslator(&chinese);
-            chineseInstalled = false;
-        }
+        zrui_close(conn);
+        conn = nullptr;
+        ui->on_pin_dialog_hide();
+        ui->on_waiting_dialog_hide();
+        ui->on_message_dialog_hide();
+        ui->on_list_dialog_hide();
+        const auto stopped = [this] {
+            ui->service()->StopPipeListening();
+            ui->service()->thread()->quit();
+            return threadDone->load(std::memory_order_acquire);
+        };
+        if (!QTest::qWaitFor(stopped, kDeadlineMs))
+            qWarning("service thread still running after %d ms", kDeadlineMs);
+        ui.reset();
+        QCoreApplication::removeTranslator(&chinese);
     }
 
     void testPinTypedAndConfirmed_data()
     {
         QTest::addColumn<quint32>("type");
         QTest::addColumn<QString>("title");
-        QTest::addColumn<QByteArray>("oldPin");
-        QTest::addColumn<QByteArray>("newPin");
+        QTest::addColumn<QString>("oldPin");
+        QTest::addColumn<QString>("newPin");
         QTest::addColumn<Submit>("submit");
         QTest::addColumn<quint32>("resp");
-        QTest::addColumn<QByteArray>("expectedHex");
-
-        QTest::newRow("verify, OK")
-                << 0u << "Verify USBKey password" << QByteArray("aaaaaa") << QByteArray() << ClickOk
-                << 0u << QByteArray("06000000 616161616161 00000000");
-        // Typing beyond the maximum from the shared record is cut at 16.
+        QTest::addColumn<QByteArray>("hex");
+        QTest::newRow("verify, OK") << 0u << "Verify USBKey password"
+                                    << "aaaaaa" << QString() << ClickOk << 0u
+                                    << QByteArray("06000000 616161616161 00000000");
+        // Typing beyond the maximum of the shared record is cut at 16.
         QTest::newRow("change, cut at the maximum, Return in the confirm field")
-                << 2u << "Change USBKey password" << QByteArray("123456")
-                << QByteArray("Abcdefgh12345678XYZ") << ReturnInConfirm << 0u
+                << 2u << "Change USBKey password"
+                << "123456"
+                << "Abcdefgh12345678XYZ" << ReturnInConfirm << 0u
                 << QByteArray("06000000 313233343536 10000000 41626364656667683132333435363738");
-        QTest::newRow("set, OK") << 5u << "Set USBKey password" << QByteArray()
-                                 << QByteArray("a1b2c3") << ClickOk << 0u
-                                 << QByteArray("00000000 06000000 613162326333");
-        QTest::newRow("change, Cancel")
-                << 2u << "Change USBKey password" << QByteArray("aaaaaa") << QByteArray("a1b2c3")
-                << ClickCancel << 1u << QByteArray();
+        QTest::newRow("set, OK") << 5u << "Set USBKey password" << QString() << "a1b2c3" << ClickOk
+                                 << 0u << QByteArray("00000000 06000000 613162326333");
+        QTest::newRow("change, Cancel") << 2u << "Change USBKey password"
+                                        << "aaaaaa"
+                                        << "a1b2c3" << ClickCancel << 1u << QByteArray();
         QTest::newRow("verify, closed by the window manager")
-                << 0u << "Verify USBKey password" << QByteArray("aaaaaa") << QByteArray()
-                << WindowManagerClose << 1u << QByteArray();
+                << 0u << "Verify USBKey password"
+                << "aaaaaa" << QString() << WindowManagerClose << 1u << QByteArray();
     }
 
     void testPinTypedAndConfirmed()
     {
         QFETCH(quint32, type);
         QFETCH(QString, title);
-        QFETCH(QByteArray, oldPin);
-        QFETCH(QByteArray, newPin);
+        QFETCH(QString, oldPin);
+        QFETCH(QString, newPin);
         QFETCH(Submit, submit);
         QFETCH(quint32, resp);
-        QFETCH(QByteArray, expectedHex);
-
+        QFETCH(QByteArray, hex);
         QVERIFY(beginSession());
         QPointer<PINDialog> dialog = showPinDialog(type);
         QVERIFY(dialog);
-        QCOMPARE(dialog->windowTitle(), trPin(title.toUtf8().constData()));
-        const PinFields f(dialog);
-        QVERIFY(f.complete());
-        QCOMPARE(f.oldPin->isVisible(), !oldPin.isEmpty());
-        QCOMPARE(f.newPin->isVisible(), !newPin.isEmpty());
-        QCOMPARE(f.confirm->isVisible(), !newPin.isEmpty());
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-
-        QTest::keyClicks(f.oldPin, QString::fromUtf8(oldPin)); // nothing when empty
-        QTest::keyClicks(f.newPin, QString::fromUtf8(newPin));
-        QTest::keyClicks(f.confirm, QString::fromUtf8(newPin));
-        // Typed, but not confirmed.
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-        QVERIFY(dialog->isVisible());
-        switch (submit) {
-        case ClickOk:
-            QTest::mouseClick(f.ok, Qt::LeftButton);
-            break;
-        case ReturnInConfirm:
-            QTest::keyClick(f.confirm, Qt::Key_Return);
-            break;
-        case ClickCancel:
-            QTest::mouseClick(f.cancel, Qt::LeftButton);
-            QVERIFY(dialog.isNull());
-            break;
-        case WindowManagerClose:
+        QCOMPARE(dialog->windowTitle(), trIn("PINDialog", qPrintable(title)));
+        QLineEdit *edits[] = {child(dialog, "lineEdit_oldPin"), child(dialog, "lineEdit_newPin"),
+                              child(dialog, "lineEdit_confirmPin")};
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(edits[i] && edits[i]->isVisible() == !(i ? newPin : oldPin).isEmpty());
+        QCOMPARE(call(REQ_PIN_GetPIN), expect(UI_NO_RESULT));
+        QTest::keyClicks(edits[0], oldPin);
+        QTest::keyClicks(edits[1], newPin);
+        QTest::keyClicks(edits[2], newPin);
+        QCOMPARE(call(REQ_PIN_GetPIN), expect(UI_NO_RESULT)); // typed, not confirmed
+        if (submit == ClickOk || submit == ClickCancel)
+            QTest::mouseClick(child<QPushButton>(dialog, submit == ClickOk ? "pushButton_OK"
+                                                                           : "pushButton_Cancel"),
+                              Qt::LeftButton);
+        else if (submit == ReturnInConfirm)
+            QTest::keyClick(edits[2], Qt::Key_Return);
+        else
             dialog->close(); // answered from the event loop, once
-            QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull(), DEADLINE_MS);
-            break;
-        }
         // Accepted: hidden, kept until the session lets it go; asked twice, same answer.
-        if (resp == UI_OK)
-            QVERIFY(dialog && !dialog->isVisible());
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), resp, expectedHex);
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), resp, expectedHex);
-        COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
-        QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull(), DEADLINE_MS);
-        QVERIFY(ui->currentPinDialog() == nullptr);
-        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-        QCOMPARE(visibleWindowCount(), 0);
-        verifyNotLogged(oldPin);
-        verifyNotLogged(newPin.left(PIN_MAX));
+        QTRY_VERIFY_WITH_TIMEOUT(resp == UI_OK ? dialog && !dialog->isVisible() : dialog.isNull(),
+                                 kDeadlineMs);
+        QCOMPARE(call(REQ_PIN_GetPIN), expect(resp, hex));
+        QCOMPARE(call(REQ_PIN_GetPIN), expect(resp, hex));
+        QCOMPARE(call(REQ_PIN_Finish), expect(UI_OK));
+        QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull() && !ui->currentPinDialog(), kDeadlineMs);
+        QCOMPARE(call(REQ_EndSession), expect(UI_OK));
+        QCOMPARE(visibleWindows(), 0);
+        verifyNotLogged(oldPin.toUtf8());
+        verifyNotLogged(newPin.left(16).toUtf8());
     }
 
     void testPinInputRefused_data()
     {
-        QTest::addColumn<QByteArray>("oldPin");
-        QTest::addColumn<QByteArray>("newPin");
-        QTest::addColumn<QByteArray>("confirmPin");
+        QTest::addColumn<QStringList>("typed"); // old, new, confirm
         QTest::addColumn<QString>("comment");
-        // Field contents after the refusal: old, new, confirm.
-        QTest::addColumn<QStringList>("after");
-
-        QTest::newRow("weak new PIN")
-                << QByteArray("aaaaaa") << QByteArray("banana") << QByteArray("banana")
-                << trPin("IDC_CUSTOM_PIN_ANNOTATION_2") << QStringList{"aaaaaa", "", ""};
+        QTest::addColumn<QStringList>("after"); // the fields after the refusal
+        QTest::newRow("weak new PIN") << QStringList{"aaaaaa", "banana", "banana"}
+                                      << trIn("PINDialog", "IDC_CUSTOM_PIN_ANNOTATION_2")
+                                      << QStringList{"aaaaaa", "", ""};
         QTest::newRow("new PIN confirmed differently")
-                << QByteArray("aaaaaa") << QByteArray("a1b2c3") << QByteArray("a1b2c4")
-                << trPin("Please confirm that new USBKey password is entered identiacally!")
+                << QStringList{"aaaaaa", "a1b2c3", "a1b2c4"}
+                << trIn("PINDialog",
+                        "Please confirm that new USBKey password is entered identiacally!")
                 << QStringList{"aaaaaa", "", ""};
         // The old PIN is checked first; the new fields stay as typed.
         QTest::newRow("old PIN too short")
-                << QByteArray("aaaaa") << QByteArray("a1b2c3") << QByteArray("a1b2c3")
-                << trPin("The password must be %1-%2 characters").arg(PIN_MIN).arg(PIN_MAX)
+                << QStringList{"aaaaa", "a1b2c3", "a1b2c3"}
+                << trIn("PINDialog", "The password must be %1-%2 characters").arg(6).arg(16)
                 << QStringList{"", "a1b2c3", "a1b2c3"};
     }
 
     void testPinInputRefused()
     {
-        QFETCH(QByteArray, oldPin);
-        QFETCH(QByteArray, newPin);
-        QFETCH(QByteArray, confirmPin);
+        QFETCH(QStringList, typed);
         QFETCH(QString, comment);
         QFETCH(QStringList, after);
-
-        QVERIFY2(comment != QLatin1String("IDC_CUSTOM_PIN_ANNOTATION_2"),
-                 "no translation for the key");
+        QVERIFY2(comment != "IDC_CUSTOM_PIN_ANNOTATION_2", "no translation for the key");
         QVERIFY(beginSession());
         QPointer<PINDialog> dialog = showPinDialog(2);
         QVERIFY(dialog);
-        QVERIFY(!typeAndConfirm(dialog, oldPin, newPin, confirmPin));
-        const PinFields f(dialog);
-
         // Refused: still on screen, the reason shown, nothing handed over.
-        QVERIFY(dialog && dialog->isVisible());
-        QCOMPARE(f.comments->text(), comment);
-        QCOMPARE(QStringList({f.oldPin->text(), f.newPin->text(), f.confirm->text()}), after);
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-
+        QVERIFY(!typeAndConfirm(dialog, typed[0], typed[1], typed[2]));
+        QCOMPARE(child<QLabel>(dialog, "label_comments")->text(), comment);
+        QStringList now;
+        for (const char *name : {"lineEdit_oldPin", "lineEdit_newPin", "lineEdit_confirmPin"})
+            now << child(dialog, name)->text();
+        QCOMPARE(now, after);
+        QCOMPARE(call(REQ_PIN_GetPIN), expect(UI_NO_RESULT));
         // The same dialog then takes a good entry.
-        for (QLineEdit *edit : {f.oldPin, f.newPin, f.confirm})
-            edit->clear();
+        for (const char *name : {"lineEdit_oldPin", "lineEdit_newPin", "lineEdit_confirmPin"})
+            child(dialog, name)->clear();
         QVERIFY(typeAndConfirm(dialog, "aaaaaa", "a1b2c3", "a1b2c3"));
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 616161616161 06000000 613162326333");
-        COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
-        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        QCOMPARE(call(REQ_PIN_GetPIN),
+                 expect(UI_OK, "06000000 616161616161 06000000 613162326333"));
     }
 
     void testRetryAfterWrongPin_data()
@@ -502,71 +375,60 @@ private slots:
         QFETCH(quint32, tries);
         const bool retry = tries == 3;
         if (tries == 0xFFFFFFFFu)
-            chineseInstalled = QCoreApplication::installTranslator(&chinese);
-        const auto trService
-                = [](const char *s) { return QCoreApplication::translate("FIFO_Service", s); };
-        const QString expectedText
+            QVERIFY(QCoreApplication::installTranslator(&chinese));
+        const QString text
                 = tries == 0xFFFFFFFFu
-                          ? trService("Default PIN Is Forbidden")
-                          : trService("There are %1 times remaining").arg(qint32(tries));
-
+                          ? trIn("FIFO_Service", "Default PIN Is Forbidden")
+                          : trIn("FIFO_Service", "There are %1 times remaining").arg(qint32(tries));
         QVERIFY(beginSession());
         QPointer<PINDialog> first = showPinDialog(2);
         QVERIFY(first);
-        const QString pinTitle = first->windowTitle();
         QVERIFY(typeAndConfirm(first, "aaaaaa", "a1b2c3", "a1b2c3"));
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 616161616161 06000000 613162326333");
-
+        QCOMPARE(call(REQ_PIN_GetPIN),
+                 expect(UI_OK, "06000000 616161616161 06000000 613162326333"));
         // The token said no: the client blocks until the user answers the box.
-        answerBox(REQ_PIN_Retry, u32(tries), trService("USBKey password error"), expectedText,
+        answerBox(REQ_PIN_Retry, u32(tries), trIn("FIFO_Service", "USBKey password error"), text,
                   false, retry ? "pushButton_Retry" : "pushButton_Cancel",
                   retry ? UI_OK : UI_USER_CANCEL);
         if (QTest::currentTestFailed())
             return;
-
         if (tries == 0) { // after Cancel: GetPIN refused, the connection dropped
-            COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_STATE_ERROR, "");
-            QCOMPARE(call(REQ_EndSession).rc, int(ZRUI_E_CLOSED));
+            QCOMPARE(call(REQ_PIN_GetPIN), expect(UI_STATE_ERROR));
+            QCOMPARE(call(REQ_EndSession).split(' ').value(0), QByteArray::number(ZRUI_E_CLOSED));
             return;
         }
-        if (!retry) { // after Cancel: EndSession taken
-            COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        if (!retry) {
+            QCOMPARE(call(REQ_EndSession), expect(UI_OK));
             return;
         }
         // A fresh, empty dialog of the same type replaces the hidden one.
         QTRY_VERIFY_WITH_TIMEOUT(first.isNull() && ui->currentPinDialog()
                                          && ui->currentPinDialog()->isVisible(),
-                                 DEADLINE_MS);
+                                 kDeadlineMs);
         QPointer<PINDialog> second = ui->currentPinDialog();
-        QCOMPARE(second->windowTitle(), pinTitle);
-        const PinFields f(second);
-        QVERIFY(f.complete());
-        for (QLineEdit *edit : {f.oldPin, f.newPin, f.confirm})
-            QVERIFY(edit->isVisible() && edit->text().isEmpty());
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_NO_RESULT, "");
-
+        QCOMPARE(second->windowTitle(), trIn("PINDialog", "Change USBKey password"));
+        for (const char *name : {"lineEdit_oldPin", "lineEdit_newPin", "lineEdit_confirmPin"})
+            QVERIFY(child(second, name)->isVisible() && child(second, name)->text().isEmpty());
+        QCOMPARE(call(REQ_PIN_GetPIN), expect(UI_NO_RESULT));
         QVERIFY(typeAndConfirm(second, "bbbbbb", "c3d4e5", "c3d4e5"));
-        COMPARE_REPLY(call(REQ_PIN_GetPIN), UI_OK, "06000000 626262626262 06000000 633364346535");
-        COMPARE_REPLY(call(REQ_PIN_Finish), UI_OK, "");
-        QTRY_VERIFY_WITH_TIMEOUT(second.isNull(), DEADLINE_MS);
-        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-        verifyNotLogged(QByteArray("a1b2c3"));
-        verifyNotLogged(QByteArray("c3d4e5"));
+        QCOMPARE(call(REQ_PIN_GetPIN),
+                 expect(UI_OK, "06000000 626262626262 06000000 633364346535"));
+        QCOMPARE(call(REQ_PIN_Finish), expect(UI_OK));
+        QTRY_VERIFY_WITH_TIMEOUT(second.isNull(), kDeadlineMs);
+        verifyNotLogged("a1b2c3");
+        verifyNotLogged("c3d4e5");
     }
 
     void testMessageBox_data()
     {
         QTest::addColumn<quint32>("type");
         QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QString>("shownText");
+        QTest::addColumn<QString>("shown");
         QTest::addColumn<QString>("button"); // empty: closed by the window manager
-        // What the box told the coordinator (the client sees 0 either way).
-        QTest::addColumn<int>("status");
-
-        const auto tr
-                = [](const char *s) { return QCoreApplication::translate("MessageDialog", s); };
+        QTest::addColumn<int>("status"); // told to the coordinator; the client sees 0 either way
         QTest::newRow("notice with keys, OK")
-                << 0u << QByteArray("PIN_Locked") << tr("PIN_Locked") << "pushButton_OK" << 1;
+                << 0u << QByteArray("PIN_Locked") << trIn("MessageDialog", "PIN_Locked")
+                << "pushButton_OK" << 1;
         QTest::newRow("type 5, Cancel") << 5u << QByteArray("go on?") << "go on?"
                                         << "pushButton_Cancel" << 0;
         QTest::newRow("type 5 closed by the window manager")
@@ -577,30 +439,25 @@ private slots:
     {
         QFETCH(quint32, type);
         QFETCH(QByteArray, text);
-        const auto tr
-                = [](const char *s) { return QCoreApplication::translate("MessageDialog", s); };
-        QFETCH(QString, shownText);
+        QFETCH(QString, shown);
         QFETCH(QString, button);
         QFETCH(int, status);
-
         QByteArray data(COMMPACK_MAX_DATA, '\0');
         uint32_t len = 0;
         QCOMPARE(zrui_build_message_box(type, "Title_Warning", text.constData(),
                                         reinterpret_cast<unsigned char *>(data.data()),
                                         size_t(data.size()), &len),
                  int(ZRUI_OK));
-        data.truncate(int(len));
-
         QVERIFY(beginSession());
         for (int round = 0; round < 2; ++round) { // a second box on the same session
-            answerBox(REQ_MessageBox, data, tr("Title_Warning"), shownText, type != 5, button,
-                      UI_OK);
+            answerBox(REQ_MessageBox, data.left(int(len)), trIn("MessageDialog", "Title_Warning"),
+                      shown, type != 5, qPrintable(button), UI_OK);
             if (QTest::currentTestFailed())
                 return;
             QCOMPARE(ui->GetMsgStatus(), status);
         }
-        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
-        QCOMPARE(visibleWindowCount(), 0);
+        QCOMPARE(call(REQ_EndSession), expect(UI_OK));
+        QCOMPARE(visibleWindows(), 0);
     }
 
     void testListSelection_data()
@@ -608,7 +465,7 @@ private slots:
         QTest::addColumn<quint32>("listType");
         QTest::addColumn<QString>("button");
         QTest::addColumn<quint32>("resp");
-        QTest::addColumn<QByteArray>("expectedHex");
+        QTest::addColumn<QByteArray>("hex");
         QTest::newRow("third entry, OK")
                 << 0u << "pushButton_OK" << quint32(UI_OK) << QByteArray("02000000");
         QTest::newRow("Cancel") << 0u << "pushButton_Cancel" << quint32(UI_USER_CANCEL)
@@ -621,33 +478,29 @@ private slots:
         QFETCH(quint32, listType);
         QFETCH(QString, button);
         QFETCH(quint32, resp);
-        QFETCH(QByteArray, expectedHex);
-
+        QFETCH(QByteArray, hex);
         QVERIFY(beginSession());
-        COMPARE_REPLY(call(REQ_List_Show, withText(listType, "A\nB\nC")), UI_OK, "");
-        if (listType == 1) {
-            // Pending until the GUI thread has handled the request, then answered.
-            QTRY_VERIFY_WITH_TIMEOUT(call(REQ_List_GetSel).resp != UI_NO_RESULT, DEADLINE_MS);
+        QCOMPARE(call(REQ_List_Show, u32(listType) + "A\nB\nC" + '\0'), expect(UI_OK));
+        if (listType == 1) { // answered once the GUI thread has handled the request
+            QTRY_VERIFY_WITH_TIMEOUT(call(REQ_List_GetSel) != expect(UI_NO_RESULT), kDeadlineMs);
         } else {
             QTRY_VERIFY_WITH_TIMEOUT(
-                    ui->currentListDialog() && ui->currentListDialog()->isVisible(), DEADLINE_MS);
+                    ui->currentListDialog() && ui->currentListDialog()->isVisible(), kDeadlineMs);
             QPointer<CertListDialog> list = ui->currentListDialog();
-            auto *combo = list->findChild<QComboBox *>("comboBox_certlist");
-            auto *push = list->findChild<QPushButton *>(button);
-            QVERIFY(combo && push);
+            auto *combo = child<QComboBox>(list, "comboBox_certlist");
+            QVERIFY(combo && child<QPushButton>(list, qPrintable(button)));
             QCOMPARE(combo->count(), 3);
             QCOMPARE(combo->currentIndex(), 0);
-            COMPARE_REPLY(call(REQ_List_GetSel), UI_NO_RESULT, "");
+            QCOMPARE(call(REQ_List_GetSel), expect(UI_NO_RESULT));
             QTest::keyClick(combo, Qt::Key_Down);
             QTest::keyClick(combo, Qt::Key_Down);
-            QCOMPARE(combo->currentText(), QStringLiteral("C"));
-            QTest::mouseClick(push, Qt::LeftButton);
+            QTest::mouseClick(child<QPushButton>(list, qPrintable(button)), Qt::LeftButton);
             QVERIFY(list.isNull());
         }
-        QVERIFY(ui->currentListDialog() == nullptr);
-        QCOMPARE(visibleWindowCount(), 0);
-        COMPARE_REPLY(call(REQ_List_GetSel), resp, expectedHex);
-        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        QVERIFY(!ui->currentListDialog());
+        QCOMPARE(visibleWindows(), 0);
+        QCOMPARE(call(REQ_List_GetSel), expect(resp, hex));
+        QCOMPARE(call(REQ_EndSession), expect(UI_OK));
     }
 
     void testDisconnectHidesWindows()
@@ -655,25 +508,18 @@ private slots:
         QVERIFY(beginSession());
         QPointer<PINDialog> pin = showPinDialog(0);
         QVERIFY(pin);
-        const PinFields f(pin);
-        QVERIFY(f.complete());
-        QTest::keyClicks(f.oldPin, QStringLiteral("aaaaaa"));
-        COMPARE_REPLY(call(REQ_Waiting_Show, withText(2, "timeout1=30")), UI_OK, "");
+        QTest::keyClicks(child(pin, "lineEdit_oldPin"), QStringLiteral("aaaaaa"));
+        QCOMPARE(call(REQ_Waiting_Show, u32(2) + "timeout1=30" + '\0'), expect(UI_OK));
         QTRY_VERIFY_WITH_TIMEOUT(
-                ui->currentWaitingDialog() && ui->currentWaitingDialog()->isVisible(), DEADLINE_MS);
+                ui->currentWaitingDialog() && ui->currentWaitingDialog()->isVisible(), kDeadlineMs);
         QPointer<WaitingDialog> waiting = ui->currentWaitingDialog();
         QVERIFY(pin && pin->isVisible());
-
-        // The middleware goes away without finishing anything.
-        zrui_close(conn);
+        zrui_close(conn); // the middleware goes away without finishing anything
         conn = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT(pin.isNull() && waiting.isNull(), DEADLINE_MS);
-        QVERIFY(ui->currentPinDialog() == nullptr);
-        QVERIFY(ui->currentWaitingDialog() == nullptr);
-        QCOMPARE(visibleWindowCount(), 0);
-        // The service takes the next client.
-        QVERIFY(beginSession());
-        COMPARE_REPLY(call(REQ_EndSession), UI_OK, "");
+        QTRY_VERIFY_WITH_TIMEOUT(pin.isNull() && waiting.isNull(), kDeadlineMs);
+        QVERIFY(!ui->currentPinDialog() && !ui->currentWaitingDialog());
+        QCOMPARE(visibleWindows(), 0);
+        QVERIFY(beginSession()); // the service takes the next client
     }
 };
 

@@ -1,9 +1,3 @@
-zrui_add_test(NAME TestProcessHardening
-  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestProcessHardening.cpp
-  LIBS zrui_testsupport Qt5::Core
-  LOCKS uilog)
-add_dependencies(TestProcessHardening ZRUIServer zrui_resources zrui_tokensim)
-
 # The shipped executables as built: PIE, full RELRO, stack protector and
 # (outside sanitizer builds) _FORTIFY_SOURCE, read from their ELF headers.
 find_program(ZRUI_READELF NAMES readelf REQUIRED)

@@ -2,12 +2,6 @@
 
 #include <cstring>
 
-FakeUiStatus::FakeUiStatus(int pinMin, int pinMax, QObject *parent)
-    : QObject(parent)
-    , pinMin(pinMin)
-    , pinMax(pinMax)
-{ }
-
 int FakeUiStatus::GetPINStatus(unsigned char **encpinbuff, unsigned long *encpinlen)
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -18,38 +12,26 @@ int FakeUiStatus::GetPINStatus(unsigned char **encpinbuff, unsigned long *encpin
 
 void FakeUiStatus::SetPINStatus(int status, unsigned char *encpinbuff, unsigned long encpinlen)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (encpinlen > sizeof(pinBuffer))
-            encpinlen = sizeof(pinBuffer);
-        if (encpinlen != 0 && encpinbuff)
-            memcpy(pinBuffer, encpinbuff, encpinlen);
-        pinLength = encpinlen;
-        pinStatus.store(status);
-    }
-    if (status != -1)
-        ++pinReports;
-    emit pinStatusSet(status);
+    std::lock_guard<std::mutex> lock(mutex);
+    pinLength = encpinbuff ? qMin<unsigned long>(encpinlen, sizeof pinBuffer) : 0;
+    if (pinLength)
+        memcpy(pinBuffer, encpinbuff, pinLength);
+    pinStatus.store(status);
+    pinReports += status != -1;
 }
 
 void FakeUiStatus::SetMsgStatus(int status)
 {
     msgStatus.store(status);
-    if (status != -1)
-        ++msgReports;
-    emit msgStatusSet(status);
+    msgReports += status != -1;
 }
 
 void FakeUiStatus::SetListSelectStatus(int status, int index)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        listIndex.store(index);
-        listStatus.store(status);
-    }
-    if (status != -1)
-        ++listReports;
-    emit listStatusSet(status, index);
+    std::lock_guard<std::mutex> lock(mutex);
+    listIndex.store(index);
+    listStatus.store(status);
+    listReports += status != -1;
 }
 
 void FakeUiStatus::GetListSelectStatus(int &status, int &index)

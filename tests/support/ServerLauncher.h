@@ -6,93 +6,74 @@
 #include <QString>
 #include <QTemporaryDir>
 
-#include <memory>
-
 /**
  * Runs the real ZRUIServer (from env ZRUI_BIN_DIR) in a private sandbox:
- *
- *     <root>/bin/<appName>, resources.rcc, integrityprotect.ini, ZRUIConf.ini
- *     <root>/work/          working directory of the process (empty)
- *     <root>/tokensim.ini   only after setTokenSimIni()
- *
- * The executable is copied under a unique name ("zrt<pid>_<n>"), so every
- * launcher gets a socket of its own (appName + uid) and tests may run in
- * parallel. Set-up calls shape prepare(); after prepare() tests may change
- * files in binDir()/workDir() before start(). The destructor stops the
- * process. /tmp/uilog.txt is LogFile's business (ctest lock "uilog").
+ * <root>/bin/<appName> with resources.rcc, integrityprotect.ini and
+ * ZRUIConf.ini beside it, <root>/work/ as working directory. The copy's
+ * unique name ("zrt<pid>_<n>") gives every launcher a socket of its own.
+ * Set-up calls shape prepare(); the destructor stops the process.
  */
 class ServerLauncher
 {
 public:
-    enum ConfigPlacement { ConfigBesideExecutable, ConfigInWorkingDirectory, ConfigNowhere };
-
     ServerLauncher();
-    ~ServerLauncher();
+    ~ServerLauncher() { stop(); }
     ServerLauncher(const ServerLauncher &) = delete;
     ServerLauncher &operator=(const ServerLauncher &) = delete;
 
-    // SAFEPATH of ZRUIConf.ini, written as given (default: env ZRUI_TOKENSIM_DIR).
-    void setSafePath(const QString &dir);
-    void setConfigPlacement(ConfigPlacement placement);
+    // SAFEPATH of ZRUIConf.ini (default: env ZRUI_TOKENSIM_DIR); null: no ZRUIConf.ini.
+    void setSafePath(const QString &dir) { safePath = dir; }
     // Resources from <build>/test-resources/<variant>/ instead of <build>/bin/.
-    void useResourceVariant(const QString &variant);
-    // false: neither resources.rcc nor integrityprotect.ini is copied.
-    void setCopyResources(bool copy);
+    void useResourceVariant(const QString &v) { variant = v; }
+    void setCopyResources(bool copy) { copyResources = copy; }
     // Writes <root>/tokensim.ini and passes ZRTOKENSIM_CONF.
-    void setTokenSimIni(const QByteArray &text);
+    void setTokenSimIni(const QByteArray &text) { tokenSimText = text; }
     // QT_QPA_PLATFORM (default "offscreen"); empty inherits the environment.
-    void setPlatform(const QString &platform);
-    void setEnv(const QString &name, const QString &value);
+    void setPlatform(const QString &p) { platform = p; }
+    void setEnv(const QString &name, const QString &value) { extraEnv.insert(name, value); }
 
-    // Creates the sandbox once; false (see errorString()) on any failure.
-    // writeFile/copyFile take a destination relative to the sandbox root.
-    bool prepare();
+    bool prepare(); // creates the sandbox once; false (see errorString()) on failure
+    // Destinations relative to the sandbox root.
     bool writeFile(const QString &relativePath, const QByteArray &content);
     bool copyFile(const QString &source, const QString &relativeDestination);
 
-    QString binDir() const;
-    QString workDir() const;
-    QString executablePath() const;
-    QString appName() const;
-    // Abstract socket name (without the leading NUL): appName + uid.
-    QString socketName() const;
+    QString binDir() const { return root() + QStringLiteral("/bin"); }
+    QString workDir() const { return root() + QStringLiteral("/work"); }
+    QString executablePath() const { return binDir() + QLatin1Char('/') + name; }
+    QString appName() const { return name; }
+    QString socketName() const; // appName + uid, without the leading NUL
     static QString resourceVariantDir(const QString &variant);
-    // <build>, the parent of ZRUI_BIN_DIR.
-    static QString buildDir();
+    static QString buildDir(); // the parent of ZRUI_BIN_DIR
 
     bool start(); // prepare() if needed, then start in workDir()
-    // Polls /proc/net/unix; false on time-out or when the process ends first.
-    bool waitForListening(int timeoutMs = 15000);
-    bool waitForExit(int timeoutMs = 15000);
-    // SIGTERM, up to timeoutMs for the end, then SIGKILL.
-    void stop(int timeoutMs = 5000);
-    bool isRunning() const;
-    int exitCode() const;
-    QProcess::ExitStatus exitStatus() const;
-    // stdout and stderr of the process so far (merged).
-    QByteArray output();
+    bool waitForListening(int timeoutMs = 15000); // false on time-out or an early end
+    bool waitForExit(int timeoutMs = 15000)
+    {
+        return !isRunning() || proc.waitForFinished(timeoutMs);
+    }
+    void stop(int timeoutMs = 5000); // SIGTERM, then SIGKILL
+    bool isRunning() const { return proc.state() != QProcess::NotRunning; }
+    int exitCode() const { return proc.exitCode(); }
+    QProcess::ExitStatus exitStatus() const { return proc.exitStatus(); }
+    QByteArray output(); // stdout and stderr so far, merged
     QProcess &process() { return proc; }
     QString errorString() const { return error; }
 
-    // True when an abstract stream socket with this name listens right now.
+    // True when an abstract stream socket of this name listens now (/proc/net/unix).
     static bool isListening(const QString &abstractName);
 
 private:
     bool fail(const QString &message);
-    QString rootDir() const;
+    QString root() const { return tempDir.path(); }
 
-    std::unique_ptr<QTemporaryDir> tempDir;
+    QTemporaryDir tempDir;
     QProcess proc;
-    QString name;
-    QString safePath;
-    ConfigPlacement placement = ConfigBesideExecutable;
-    QString variant;
-    bool copyResources = true;
-    QByteArray tokenSimText;
-    bool tokenSimIni = false;
+    QString name, safePath, variant;
     QString platform = QStringLiteral("offscreen");
+    QByteArray tokenSimText;
+    bool copyResources = true;
+    bool prepared = false;
     QMap<QString, QString> extraEnv;
     QByteArray collected;
-    bool prepared = false;
     QString error;
 };
