@@ -1,70 +1,146 @@
-// The request service over real sockets (see ServiceHarness): framing, the
-// handlers' replies and signals, device calls, PIN redaction and peer uids.
-#include "LogFile.h"
-#include "ServiceHarness.h"
+// The request service over real sockets: the real coordinator in this process
+// (socket service in its thread, dialogs offscreen), raw clients, QTest as the user.
+#include "ServerLauncher.h"
+#include "client/zrui_client.h"
 #include "service/FIFO_Service.h"
 #include "service/Protocol.h"
+#include "service/SessionTable.h"
+#include "ui/CertListDialog.h"
+#include "ui/MessageDialog.h"
+#include "ui/PINDialog.h"
+#include "ui/UI_Service.h"
+#include "ui/WaitingDialog.h"
 
-#include <QRegularExpression>
-#include <QTemporaryDir>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPointer>
+#include <QPushButton>
+#include <QResource>
+#include <QSaveFile>
+#include <QtEndian>
 #include <QtTest>
 
+#include <mutex>
+#include <queue>
+#include <thread>
+
 #include <poll.h>
-#include <csignal>
 #include <sys/socket.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+using namespace SessionTable;
 
 namespace {
 
-QByteArray u32(quint32 v) { return QByteArray(reinterpret_cast<const char *>(&v), 4); }
-QByteArray cstr(const QByteArray &s) { return s + '\0'; }
-QString S(const char *s) { return QString::fromUtf8(s); }
-const QByteArray kBegin = QByteArray(2, '\0') + QByteArray::fromHex("1122334455667788");
+constexpr int kDeadlineMs = 10000;
+constexpr int kNoAnswer = -100;
+constexpr int kRows = int(sizeof Transitions / sizeof Transitions[0]);
 
-// Log lines after mark that start with prefix.
-QStringList linesFrom(int mark, const QString &prefix)
+QByteArray u32(quint32 v) { return QByteArray(reinterpret_cast<const char *>(&v), 4); }
+QByteArray packet(quint32 op, const QByteArray &data = {})
 {
-    return ServiceHarness::logSince(mark).filter(
-            QRegularExpression('^' + QRegularExpression::escape(prefix)));
+    return u32(op) + u32(data.size()) + data;
+}
+QByteArray reply(quint32 code, const char *dataHex = "")
+{
+    return packet(code, QByteArray::fromHex(dataHex)).toHex();
+}
+QByteArray begin(quint64 ref = 0x8877665544332211ULL)
+{
+    return packet(REQ_BeginSession,
+                  QByteArray(2, '\0') + QByteArray::fromRawData(reinterpret_cast<char *>(&ref), 8));
+}
+QByteArray pinResult(const QByteArray &oldPin, const QByteArray &newPin)
+{
+    return u32(oldPin.size()) + oldPin + u32(newPin.size()) + newPin;
 }
 
-// Journal lines from the last Connect on; its context and device handles.
-QStringList journalFromLastConnect(QString *ctx, QString *dev)
+std::mutex logMutex;
+QStringList logLines;
+int accepted = 0, ended = 0; // connections
+void capture(QtMsgType, const QMessageLogContext &, const QString &message)
 {
-    const QStringList journal = ServiceHarness::journalLines();
-    static const QRegularExpression connect(
-            S("^Connect ctx=(\\d+) ref=0x[0-9a-f]{16} rc=0 dev=([1-9]\\d*)$"));
-    for (int i = journal.size() - 1; i >= 0; --i) {
-        const QRegularExpressionMatch m = connect.match(journal.at(i));
-        if (m.hasMatch()) {
-            *ctx = m.captured(1);
-            *dev = m.captured(2);
-            return journal.mid(i);
+    std::lock_guard<std::mutex> lock(logMutex);
+    logLines << message;
+    accepted += message.startsWith(QLatin1String("accepted: "));
+    ended += message.startsWith(QLatin1String("Clean env"))
+             || message.startsWith(QLatin1String("rejected peer"));
+}
+bool allServed()
+{
+    std::lock_guard<std::mutex> lock(logMutex);
+    return accepted == ended;
+}
+QStringList logSince(int mark)
+{
+    std::lock_guard<std::mutex> lock(logMutex);
+    return logLines.mid(mark);
+}
+int logMark() { return logSince(0).size(); }
+
+template<typename T = QLineEdit>
+T *child(QObject *o, const char *name)
+{
+    return o ? o->findChild<T *>(QLatin1String(name)) : nullptr;
+}
+
+int visibleWindows()
+{
+    int n = 0;
+    for (QWidget *w : QApplication::topLevelWidgets())
+        n += w->isVisible();
+    return n;
+}
+
+QStringList entries(CertListDialog *list)
+{
+    QStringList out;
+    auto *combo = child<QComboBox>(list, "comboBox_certlist");
+    for (int i = 0; combo && i < combo->count(); ++i)
+        out << combo->itemText(i);
+    return out;
+}
+
+// The user's answer that leads to a table row: its own, or a status above 1.
+int answerOf(int row)
+{
+    return row < 0 || Transitions[row].answer == AnyAnswer ? 2 : Transitions[row].answer;
+}
+
+// What a header-only request gets when allowed (no window has been answered).
+QByteArray expectedReply(quint32 op, int answer)
+{
+    if (op == REQ_PIN_GetPIN || op == REQ_List_GetSel || (op == REQ_MessageBox && answer > 1))
+        return reply(UI_NO_RESULT);
+    if (op == REQ_PIN_Retry)
+        return reply(answer == 1 ? UI_OK : answer == 0 ? UI_USER_CANCEL : UI_NO_RESULT);
+    return reply(UI_OK);
+}
+
+// For every row, the shortest walk of rows from a fresh connection that ends with it.
+QVector<QVector<int>> routes()
+{
+    QVector<QVector<int>> route(kRows);
+    QSet<OpSet> seen{Start};
+    std::queue<std::pair<OpSet, QVector<int>>> todo;
+    todo.push({Start, {}});
+    while (!todo.empty()) {
+        const auto [state, path] = todo.front();
+        todo.pop();
+        for (int row = 0; row < kRows; ++row) {
+            if (!allows(state, Transitions[row].operation) || !route[row].isEmpty())
+                continue;
+            route[row] = path + QVector<int>{row};
+            if (!seen.contains(Transitions[row].next)) {
+                seen.insert(Transitions[row].next);
+                todo.push({Transitions[row].next, route[row]});
+            }
         }
     }
-    return QStringList();
+    return route;
 }
-
-// After the last Connect: the presence check (rc given; empty: none), then the release.
-bool releasedAs(const char *presence)
-{
-    QString ctx, dev;
-    const QStringList tail = journalFromLastConnect(&ctx, &dev).mid(1);
-    QStringList want;
-    if (*presence)
-        want << S("IsDevPresent dev=%1 rc=%2").arg(dev, S(presence));
-    return tail
-           == (want << S("Disconnect dev=%1 rc=0").arg(dev)
-                    << S("ReleaseContext ctx=%1 rc=0").arg(ctx));
-}
-
-QString lastOf(const QStringList &l) { return l.value(l.size() - 1); }
-
-const QStringList kHides{S("hide_pin_dialog()"), S("hide_waiting_dialog()"),
-                         S("hide_list_dialog()"), S("hide_message_dialog()")};
 
 } // namespace
 
@@ -72,352 +148,577 @@ class TestService : public QObject
 {
     Q_OBJECT
 
+    ServerLauncher sandbox; // its files, not its process
+    QString app;
+    std::unique_ptr<UI_Service> ui;
+    zrui_conn *conn = nullptr;
+    int boxAnswer = kNoAnswer; // set: every message box is answered with it
+
+    bool open()
+    {
+        zrui_close(conn);
+        return zrui_open(qPrintable(app), &conn) == ZRUI_OK;
+    }
+    QString path(const char *name) const { return sandbox.binDir() + '/' + name; }
+    bool setPresent(bool present)
+    {
+        QSaveFile file(path("tokensim.ini"));
+        return file.open(QIODevice::WriteOnly)
+               && file.write(QByteArray("[pin]\nmin=6\nmax=16\n[token]\npresent=") + "01"[present])
+                          > 0
+               && file.commit();
+    }
+    // The stand-in's journal, handles renamed in order of appearance (h1, h2, ...).
+    QStringList journal()
+    {
+        QFile file(path("journal.txt"));
+        QStringList lines
+                = file.open(QIODevice::ReadOnly)
+                          ? QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts)
+                          : QStringList();
+        QHash<QString, QString> names;
+        static const QRegularExpression handle(QStringLiteral("\\b(ctx|dev)=([1-9]\\d*)"));
+        for (QString &line : lines) {
+            QString out;
+            int at = 0;
+            for (auto it = handle.globalMatch(line); it.hasNext();) {
+                const QRegularExpressionMatch m = it.next();
+                QString &name = names[m.captured(2)];
+                if (name.isEmpty())
+                    name = QStringLiteral("h%1").arg(names.size());
+                out += line.mid(at, m.capturedStart() - at) + m.captured(1) + '=' + name;
+                at = m.capturedEnd();
+            }
+            line = out + line.mid(at);
+        }
+        return lines;
+    }
+    bool put(const QByteArray &bytes)
+    {
+        return send(zrui_fd(conn), bytes.constData(), size_t(bytes.size()), MSG_NOSIGNAL)
+               == bytes.size();
+    }
+    // The next response as hex, "closed" when the server hung up first, "none" at the
+    // deadline. With events the GUI loop runs meanwhile (and boxAnswer answers boxes).
+    QByteArray response(bool events = true)
+    {
+        QByteArray in;
+        QDeadlineTimer deadline(kDeadlineMs);
+        while (in.size() < 8
+               || quint32(in.size()) < 8 + qFromUnaligned<quint32>(in.constData() + 4)) {
+            if (deadline.hasExpired())
+                return "none";
+            if (events) {
+                QCoreApplication::processEvents();
+                if (boxAnswer != kNoAnswer && ui->currentMessageDialog()
+                    && ui->GetMsgStatus() == -1)
+                    ui->SetMsgStatus(boxAnswer);
+            }
+            pollfd p = {zrui_fd(conn), POLLIN, 0};
+            char buf[COMMPACK_MAX_SIZE];
+            const ssize_t n = poll(&p, 1, 10) == 1 ? read(p.fd, buf, sizeof buf) : -2;
+            if (n == 0 || (n == -1 && errno == ECONNRESET))
+                return in.isEmpty() ? "closed" : in.toHex() + " closed";
+            in.append(buf, int(qMax<ssize_t>(n, 0)));
+        }
+        return in.toHex();
+    }
+    QByteArray ask(const QByteArray &bytes, bool events = true)
+    {
+        (void)put(bytes); // a refused send shows as "closed"
+        return response(events);
+    }
+    QByteArray ask(quint32 op, const QByteArray &data = {}) { return ask(packet(op, data)); }
+
+    PINDialog *showPin(quint32 type)
+    {
+        if (ask(REQ_PIN_Show, u32(type)) != reply(UI_OK)
+            // At once, before this thread shows the dialog: nothing typed yet.
+            || ask(packet(REQ_PIN_GetPIN), false) != reply(UI_NO_RESULT))
+            return nullptr;
+        const auto up
+                = [this] { return ui->currentPinDialog() && ui->currentPinDialog()->isVisible(); };
+        return QTest::qWaitFor(up, kDeadlineMs) ? ui->currentPinDialog() : nullptr;
+    }
+    static void typePins(PINDialog *d, const QString &oldPin, const QString &newPin)
+    {
+        for (const auto &[name, text] : {std::pair{"lineEdit_oldPin", oldPin},
+                                         {"lineEdit_newPin", newPin},
+                                         {"lineEdit_confirmPin", newPin}}) {
+            if (!text.isEmpty())
+                QTest::keyClicks(child(d, name), text);
+        }
+    }
+    template<typename T>
+    T *waitShown(T *(UI_Service::*current)() const)
+    {
+        const auto up
+                = [&] { return (ui.get()->*current)() && (ui.get()->*current)()->isVisible(); };
+        return QTest::qWaitFor(up, kDeadlineMs) ? (ui.get()->*current)() : nullptr;
+    }
+
 private slots:
     void initTestCase()
     {
-        // Lines also go to the shared log file (ctest lock "uilog").
-        QVERIFY(tempDir.isValid() && LogFile::clear());
-        QVERIFY(harness.setUp(tempDir.path(), S("svc"), true));
+        qInstallMessageHandler(capture);
+        QVERIFY2(sandbox.prepare(), qPrintable(sandbox.errorString()));
+        // The longest socket name that fits: application name and uid, 106 bytes.
+        const QString uid = QString::number(getuid());
+        app = sandbox.appName() + QString(106 - sandbox.appName().size() - uid.size(), 'x');
+        QCoreApplication::setApplicationName(app);
+        qputenv("ZRTOKENSIM_CONF", QFile::encodeName(path("tokensim.ini")));
+        qputenv("ZRTOKENSIM_JOURNAL", QFile::encodeName(path("journal.txt")));
+        QVERIFY(setPresent(true) && QDir::setCurrent(sandbox.binDir()));
+        QVERIFY(QResource::registerResource(path("resources.rcc")));
+        ui.reset(new UI_Service(1.0f));
+        QVERIFY(ui->service());
+        QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(app + uid), kDeadlineMs);
     }
-    void init()
+    void cleanupTestCase()
     {
-        harness.autoMsgAnswer = ServiceHarness::NoAutoAnswer;
-        QVERIFY(ServiceHarness::setTokenPresent(true));
+        zrui_close(conn);
+        ui.reset(); // stops and joins the service thread
     }
-    void cleanupTestCase() { QVERIFY(harness.stop()); }
-
-    void testRequestSplitOverThreeWrites();
-    void testRequestDropped_data();
-    void testRequestDropped();
-    void testFullPacketWithoutTerminator();
-    void testDeviceReference();
-    void testTokenPulledOut();
-    void testBeginSessionTokenAbsent();
-    void testDisconnectMidSession();
-    void testMessageBoxLayout_data();
-    void testMessageBoxLayout();
-    void testSecondService_data();
-    void testSecondService();
-    void testPinResultRedactedInLog();
-    void testForeignPeerClosedBeforeRead();
-
-private:
-    bool begin(TestClient &c)
+    void init() { QVERIFY(setPresent(true) && open()); }
+    void cleanup()
     {
-        return c.open(harness.appName()) == ZRUI_OK && c.ask(REQ_BeginSession, kBegin) == UI_OK;
+        zrui_close(conn);
+        conn = nullptr;
+        boxAnswer = kNoAnswer;
+        // No window outlives its connection.
+        QTRY_VERIFY_WITH_TIMEOUT(allServed() && visibleWindows() == 0, kDeadlineMs);
     }
 
-    QTemporaryDir tempDir;
-    ServiceHarness harness;
+    void testSessionTable_data()
+    {
+        QTest::addColumn<int>("row"); // -1: a fresh connection
+        QTest::addColumn<quint32>("probe");
+        // Every code, and codes that a set kept in a 32- or 64-bit word would alias.
+        QList<quint32> probes{33, 65, 0xFFFFFFFFu};
+        for (quint32 op = 0; op <= 15; ++op)
+            probes << op;
+        for (int row = -1; row < kRows; ++row) {
+            for (const quint32 probe : probes) {
+                const QByteArray state = row < 0 ? QByteArray("start")
+                                                 : QByteArray::number(Transitions[row].operation)
+                                                           + " answered "
+                                                           + QByteArray::number(answerOf(row));
+                QTest::addRow("%s, then op %u", state.constData(), probe) << row << probe;
+            }
+        }
+    }
+    // The table the dispatcher reads, walked over the socket: each row reached by its
+    // shortest route, then every code tried once.
+    void testSessionTable()
+    {
+        QFETCH(int, row);
+        QFETCH(quint32, probe);
+        static const QVector<QVector<int>> route = routes();
+        QVERIFY(row < 0 || !route[row].isEmpty());
+        for (const int r : row < 0 ? QVector<int>() : route[row]) {
+            boxAnswer = answerOf(r);
+            QCOMPARE(ask(packet(Transitions[r].operation)),
+                     expectedReply(Transitions[r].operation, boxAnswer));
+        }
+        boxAnswer = answerOf(row);
+        const QByteArray got = ask(packet(probe));
+        if (!allows(row < 0 ? Start : Transitions[row].next, probe)) {
+            QCOMPARE(got, reply(UI_STATE_ERROR));
+            QCOMPARE(response(), QByteArray("closed"));
+        } else if (probe == REQ_Reserved_8 || probe == REQ_Reserved_12) {
+            QCOMPARE(got, QByteArray("closed")); // allowed, but no handler and no response
+        } else {
+            QCOMPARE(got, expectedReply(probe, boxAnswer));
+        }
+    }
+
+    void testPinRoundTrip_data()
+    {
+        QTest::addColumn<quint32>("type");
+        QTest::addColumn<QString>("oldPin");
+        QTest::addColumn<QString>("newPin");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<QByteArray>("result");
+        QTest::newRow("verify") << 0u << "739251" << QString() << true << pinResult("739251", "");
+        // Typed beyond the maximum of the token stack's record: cut at 16.
+        QTest::newRow("change, cut at the maximum")
+                << 2u << "123456"
+                << "Abcdefgh12345678XYZ" << true << pinResult("123456", "Abcdefgh12345678");
+        QTest::newRow("set") << 5u << QString() << "a1b2c3" << true << pinResult("", "a1b2c3");
+        QTest::newRow("change, Cancel") << 2u << "739251"
+                                        << "a1b2c3" << false << QByteArray();
+    }
+    void testPinRoundTrip()
+    {
+        QFETCH(quint32, type);
+        QFETCH(QString, oldPin);
+        QFETCH(QString, newPin);
+        QFETCH(bool, ok);
+        QFETCH(QByteArray, result);
+        const int mark = logMark();
+        QCOMPARE(ask(begin()), reply(UI_OK));
+        QPointer<PINDialog> dialog = showPin(type);
+        QVERIFY(dialog);
+        typePins(dialog, oldPin, newPin);
+        QCOMPARE(ask(REQ_PIN_GetPIN), reply(UI_NO_RESULT)); // typed, not confirmed
+        QTest::mouseClick(child<QPushButton>(dialog, ok ? "pushButton_OK" : "pushButton_Cancel"),
+                          Qt::LeftButton);
+        const QByteArray expected = ok ? packet(UI_OK, result).toHex() : reply(UI_USER_CANCEL);
+        for (int round = 0; round < 2; ++round) // the same answer until the next request
+            QCOMPARE(ask(REQ_PIN_GetPIN), expected);
+        QCOMPARE(ask(REQ_PIN_Finish), reply(UI_OK));
+        QTRY_VERIFY_WITH_TIMEOUT(dialog.isNull() && !ui->currentPinDialog(), kDeadlineMs);
+        QCOMPARE(ask(REQ_EndSession), reply(UI_OK));
+        // PIN bytes never reach the log: a response holding them shows its header only.
+        const QStringList lines = logSince(mark);
+        const QString redacted = QStringLiteral("SendBuff: Send \"%1\" <%2 bytes redacted>")
+                                         .arg(QString(expected.left(16)))
+                                         .arg(result.size());
+        QCOMPARE(lines.count(redacted), ok ? 2 : 0);
+        for (const QString &pin : {oldPin, newPin.left(16)}) {
+            for (const QString &line : lines) {
+                QVERIFY2(pin.isEmpty() || !line.contains(pin), qPrintable(line));
+                QVERIFY2(pin.isEmpty() || !line.contains(pin.toUtf8().toHex()), qPrintable(line));
+            }
+        }
+    }
+
+    void testRetry_data()
+    {
+        QTest::addColumn<quint32>("tries");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("button"); // empty: closed by the window manager
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("3 left, Retry") << 3u << "There are 3 times remaining"
+                                       << "pushButton_Retry" << reply(UI_OK);
+        QTest::newRow("0 left, closed")
+                << 0u << "There are 0 times remaining" << QString() << reply(UI_USER_CANCEL);
+        QTest::newRow("default PIN forbidden, Cancel")
+                << 0xFFFFFFFFu << "Default PIN Is Forbidden"
+                << "pushButton_Cancel" << reply(UI_USER_CANCEL);
+    }
+    void testRetry()
+    {
+        QFETCH(quint32, tries);
+        QFETCH(QString, text);
+        QFETCH(QString, button);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(ask(begin()), reply(UI_OK));
+        QPointer<PINDialog> first = showPin(3);
+        QVERIFY(first);
+        const QString title = first->windowTitle();
+        typePins(first, "aaaaaa", "a1b2c3");
+        QTest::mouseClick(child<QPushButton>(first, "pushButton_OK"), Qt::LeftButton);
+        QCOMPARE(ask(REQ_PIN_GetPIN), packet(UI_OK, pinResult("aaaaaa", "a1b2c3")).toHex());
+        // The token said no: the client waits while the user reads the box.
+        QVERIFY(put(packet(REQ_PIN_Retry, u32(tries))));
+        QPointer<MessageDialog> box = waitShown(&UI_Service::currentMessageDialog);
+        QVERIFY(box);
+        QCOMPARE(box->windowTitle() + '|' + child<QLabel>(box, "label_message")->text(),
+                 "USBKey password error|" + text);
+        QVERIFY(!child<QPushButton>(box, "pushButton_OK")->isVisible());
+        if (button.isEmpty())
+            box->close();
+        else
+            QTest::mouseClick(child<QPushButton>(box, qPrintable(button)), Qt::LeftButton);
+        QCOMPARE(response(), expected);
+        if (expected != reply(UI_OK)) { // cancelled: only the end of the session is allowed
+            QCOMPARE(ask(REQ_PIN_GetPIN), reply(UI_STATE_ERROR));
+            return;
+        }
+        // A fresh, empty dialog of the same kind replaces the hidden one.
+        QTRY_VERIFY_WITH_TIMEOUT(first.isNull(), kDeadlineMs);
+        QPointer<PINDialog> second = waitShown(&UI_Service::currentPinDialog);
+        QVERIFY(second);
+        QCOMPARE(second->windowTitle(), title);
+        QCOMPARE(ask(REQ_PIN_GetPIN), reply(UI_NO_RESULT));
+        typePins(second, "bbbbbb", "c3d4e5");
+        QTest::mouseClick(child<QPushButton>(second, "pushButton_OK"), Qt::LeftButton);
+        QCOMPARE(ask(REQ_PIN_GetPIN), packet(UI_OK, pinResult("bbbbbb", "c3d4e5")).toHex());
+    }
+
+    void testMessageBox_data()
+    {
+        QTest::addColumn<quint32>("type");
+        QTest::addColumn<QByteArray>("title");
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("shown"); // title|text|buttons
+        QTest::addColumn<QString>("answer"); // a button, "close", or a status
+        QTest::newRow("OK") << 0u << QByteArray("Warning") << QByteArray("Remove the key")
+                            << "Warning|Remove the key|pushButton_OK"
+                            << "pushButton_OK";
+        QTest::newRow("Retry/Cancel, Cancel, no title")
+                << 5u << QByteArray() << QByteArray("go on?")
+                << "|go on?|pushButton_Retry pushButton_Cancel"
+                << "pushButton_Cancel";
+        // The text starts 13 + the title's UTF-16 length into the packet.
+        QTest::newRow("Chinese title, closed")
+                << 0u << QByteArray("中文") << QByteArray("hello") << "中文|文|pushButton_OK"
+                << "close";
+        QTest::newRow("emoji title") << 5u << QByteArray("\xF0\x9F\x98\x80") << QByteArray("hi")
+                                     << "\xF0\x9F\x98\x80|\xEF\xBF\xBD|pushButton_Retry "
+                                        "pushButton_Cancel"
+                                     << "pushButton_Retry";
+        // Neither confirmed nor cancelled: "no result", and the next box replaces it.
+        QTest::newRow("other status")
+                << 0u << QByteArray("T") << QByteArray("x") << "T|x|pushButton_OK"
+                << "2";
+    }
+    void testMessageBox()
+    {
+        QFETCH(quint32, type);
+        QFETCH(QByteArray, title);
+        QFETCH(QByteArray, text);
+        QFETCH(QString, shown);
+        QFETCH(QString, answer);
+        QCOMPARE(ask(begin()), reply(UI_OK));
+        const QByteArray request = packet(REQ_MessageBox, u32(type) + title + '\0' + text + '\0');
+        QVERIFY(put(request));
+        QPointer<MessageDialog> box = waitShown(&UI_Service::currentMessageDialog);
+        QVERIFY(box);
+        QStringList buttons;
+        for (const QPushButton *b : box->findChildren<QPushButton *>())
+            buttons << (b->isVisible() ? b->objectName() : QString());
+        buttons.removeAll(QString());
+        QCOMPARE(box->windowTitle() + '|' + child<QLabel>(box, "label_message")->text() + '|'
+                         + buttons.join(' '),
+                 shown);
+        if (answer == "close")
+            box->close();
+        else if (answer == "2")
+            ui->SetMsgStatus(2);
+        else
+            QTest::mouseClick(child<QPushButton>(box, qPrintable(answer)), Qt::LeftButton);
+        // Confirmed or cancelled are not told apart.
+        QCOMPARE(response(), reply(answer == "2" ? UI_NO_RESULT : UI_OK));
+        if (answer == "2") { // still up until the next box takes its place
+            QVERIFY(box && box->isVisible() && put(request));
+            QTRY_VERIFY_WITH_TIMEOUT(box.isNull() && waitShown(&UI_Service::currentMessageDialog),
+                                     kDeadlineMs);
+            QTest::mouseClick(child<QPushButton>(ui->currentMessageDialog(), "pushButton_OK"),
+                              Qt::LeftButton);
+            QCOMPARE(response(), reply(UI_OK));
+        }
+    }
+
+    void testList_data()
+    {
+        QTest::addColumn<quint32>("param");
+        QTest::addColumn<QString>("answer"); // a button, "close", "replace" or empty (no window)
+        QTest::addColumn<QByteArray>("expected");
+        QTest::newRow("third entry, OK") << 0u << "pushButton_OK" << reply(UI_OK, "02000000");
+        QTest::newRow("Cancel") << 0u << "pushButton_Cancel" << reply(UI_USER_CANCEL);
+        QTest::newRow("closed") << 0u << "close" << reply(UI_USER_CANCEL);
+        QTest::newRow("replaced by the next list") << 0u << "replace" << reply(UI_OK, "02000000");
+        QTest::newRow("type 1: no window, row -1") << 1u << QString() << reply(UI_OK, "ffffffff");
+        QTest::newRow("type 2: never answered") << 2u << QString() << reply(UI_NO_RESULT);
+    }
+    void testList()
+    {
+        QFETCH(quint32, param);
+        QFETCH(QString, answer);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(ask(begin()), reply(UI_OK));
+        QCOMPARE(ask(REQ_List_Show, u32(param) + "A\nB\nC" + '\0'), reply(UI_OK));
+        if (param) {
+            QTRY_COMPARE_WITH_TIMEOUT(ask(REQ_List_GetSel), expected, kDeadlineMs);
+            QCOMPARE(visibleWindows(), 0);
+            return;
+        }
+        QPointer<CertListDialog> list = waitShown(&UI_Service::currentListDialog);
+        QVERIFY(list);
+        QCOMPARE(entries(list), QStringList({"A", "B", "C"}));
+        QCOMPARE(ask(REQ_List_GetSel), reply(UI_NO_RESULT));
+        if (answer == "replace") {
+            QCOMPARE(ask(REQ_EndSession), reply(UI_OK));
+            QCOMPARE(ask(begin()), reply(UI_OK));
+            QCOMPARE(ask(REQ_List_Show, u32(0) + "D\nE\nF" + '\0'), reply(UI_OK));
+            QTRY_VERIFY_WITH_TIMEOUT(list.isNull(), kDeadlineMs); // went without an answer
+            list = waitShown(&UI_Service::currentListDialog);
+            QVERIFY(list);
+            QCOMPARE(entries(list), QStringList({"D", "E", "F"}));
+            answer = "pushButton_OK";
+        }
+        auto *combo = child<QComboBox>(list, "comboBox_certlist");
+        QTest::keyClick(combo, Qt::Key_Down);
+        QTest::keyClick(combo, Qt::Key_Down);
+        if (answer == "close")
+            list->close();
+        else
+            QTest::mouseClick(child<QPushButton>(list, qPrintable(answer)), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(list.isNull(), kDeadlineMs);
+        QCOMPARE(ask(REQ_List_GetSel), expected);
+        QCOMPARE(ask(REQ_EndSession), reply(UI_OK));
+    }
+
+    // A waiting request cannot come while its window is up; the window replaces one all the same.
+    void testWaitingReplaced()
+    {
+        ui->on_waiting_dialog_show(QString(), 2);
+        QPointer<WaitingDialog> first = ui->currentWaitingDialog();
+        ui->on_waiting_dialog_show(QString(), 3);
+        QVERIFY(first.isNull() && ui->currentWaitingDialog()->isVisible());
+        QCOMPARE(visibleWindows(), 1);
+        ui->on_waiting_dialog_hide();
+    }
+
+    void testFraming_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<QList<int>>("cuts"); // each part is read before the next is sent
+        QTest::addColumn<QByteArray>("expected");
+        QTest::addColumn<QStringList>("shown"); // the list entries
+        const QByteArray abc = packet(REQ_List_Show, u32(0) + "A\nB\nC" + '\0');
+        QTest::newRow("three writes")
+                << abc << QList<int>{10, 17} << reply(UI_OK) << QStringList{"A", "B", "C"};
+        QTest::newRow("first read of 5 bytes")
+                << abc << QList<int>{5} << QByteArray("closed") << QStringList();
+        QTest::newRow("datalen above the maximum")
+                << packet(REQ_List_Show, QByteArray(COMMPACK_MAX_DATA + 1, 'A')) << QList<int>()
+                << QByteArray("closed") << QStringList();
+        const QByteArray full(COMMPACK_MAX_DATA - 4, 'B');
+        QTest::newRow("full packet, no terminator")
+                << packet(REQ_List_Show, u32(0) + full) << QList<int>() << reply(UI_OK)
+                << QStringList{QString(full)};
+    }
+    void testFraming()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(QList<int>, cuts);
+        QFETCH(QByteArray, expected);
+        QFETCH(QStringList, shown);
+        QCOMPARE(ask(begin()), reply(UI_OK));
+        const int mark = logMark();
+        const auto bytesRead = [mark] {
+            int n = 0;
+            static const QRegularExpression read(
+                    QStringLiteral("^RecvBuff: readed readlen= (\\d+)"));
+            for (const QString &line : logSince(mark))
+                n += read.match(line).captured(1).toInt();
+            return n;
+        };
+        int at = 0;
+        for (const int cut : cuts) {
+            QVERIFY(put(bytes.mid(at, cut - at)));
+            QTRY_COMPARE_WITH_TIMEOUT(bytesRead(), cut, kDeadlineMs);
+            at = cut;
+        }
+        (void)put(bytes.mid(at));
+        QCOMPARE(response(), expected);
+        if (shown.isEmpty()) {
+            QCOMPARE(logSince(mark).filter(QRegularExpression("^REQ_")), QStringList());
+        } else {
+            QPointer<CertListDialog> list = waitShown(&UI_Service::currentListDialog);
+            QCOMPARE(entries(list), shown);
+        }
+    }
+
+    void testDevice_data()
+    {
+        QTest::addColumn<bool>("present"); // at REQ_BeginSession
+        QTest::addColumn<QByteArrayList>(
+                "steps"); // request, response; an empty request: pulled out
+        QTest::addColumn<int>("windows"); // open before the client leaves
+        QTest::addColumn<QStringList>("expectedJournal");
+        const QString connect1 = "Connect ctx=h1 ref=0x8877665544332211 rc=0 dev=h2";
+        // A second session overwrites the handles: only the last pair is released.
+        QTest::newRow("second session")
+                << true << QByteArrayList{packet(REQ_EndSession),           reply(UI_OK),
+                                          begin(0x0102030405060708ULL),     reply(UI_OK),
+                                          packet(REQ_PIN_Show, u32(2)),     reply(UI_OK),
+                                          packet(REQ_Waiting_Show, u32(2)), reply(UI_OK)}
+                << 2 << QStringList{"EstablishContext rc=0 ctx=h1",
+                                    connect1,
+                                    "IsDevPresent dev=h2 rc=0",
+                                    "IsDevPresent dev=h2 rc=0",
+                                    "EstablishContext rc=0 ctx=h3",
+                                    "Connect ctx=h3 ref=0x0102030405060708 rc=0 dev=h4",
+                                    "IsDevPresent dev=h4 rc=0",
+                                    "IsDevPresent dev=h4 rc=0",
+                                    "Disconnect dev=h4 rc=0",
+                                    "ReleaseContext ctx=h3 rc=0"};
+        QTest::newRow("token pulled out")
+                << true << QByteArrayList{QByteArray(),
+                                          QByteArray(),
+                                          packet(REQ_PIN_Show, u32(1)),
+                                          reply(UI_TOKEN_NOT_PRESENT),
+                                          QByteArray(),
+                                          QByteArray("closed")}
+                << 0
+                << QStringList{"EstablishContext rc=0 ctx=h1", connect1, "IsDevPresent dev=h2 rc=1",
+                               "Disconnect dev=h2 rc=0", "ReleaseContext ctx=h1 rc=0"};
+        // No device, so no presence check ends the session.
+        QTest::newRow("absent at BeginSession")
+                << false
+                << QByteArrayList{packet(REQ_PIN_Show, u32(1)), reply(UI_OK),
+                                  packet(REQ_PIN_GetPIN), reply(UI_NO_RESULT)}
+                << 1
+                << QStringList{"EstablishContext rc=0 ctx=h1",
+                               "Connect ctx=h1 ref=0x8877665544332211 rc=167772168 dev=0",
+                               "ReleaseContext ctx=h1 rc=0"};
+    }
+    void testDevice()
+    {
+        QFETCH(bool, present);
+        QFETCH(QByteArrayList, steps);
+        QFETCH(int, windows);
+        QFETCH(QStringList, expectedJournal);
+        QVERIFY(QFile::remove(path("journal.txt")) || !QFile::exists(path("journal.txt")));
+        QVERIFY(setPresent(present));
+        QCOMPARE(ask(begin()), reply(UI_OK));
+        for (int i = 0; i < steps.size(); i += 2) {
+            if (steps[i].isEmpty() && steps[i + 1].isEmpty())
+                QVERIFY(setPresent(false));
+            else
+                QCOMPARE(steps[i].isEmpty() ? response() : ask(steps[i]), steps[i + 1]);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(visibleWindows(), windows, kDeadlineMs);
+        zrui_close(conn);
+        conn = nullptr;
+        QTRY_COMPARE_WITH_TIMEOUT(journal(), expectedJournal, kDeadlineMs);
+        QTRY_COMPARE_WITH_TIMEOUT(visibleWindows(), 0, kDeadlineMs);
+    }
+
+    void testNameTooLong()
+    {
+        const int mark = logMark();
+        QCoreApplication::setApplicationName(app + 'x'); // 107 bytes with the uid
+        FIFO_Service second(ui.get(), nullptr);
+        QSignalSpy failed(&second, &FIFO_Service::start_pipe_failed);
+        second.CreatePipeAndListen(); // returns at once: it cannot listen
+        QCoreApplication::setApplicationName(app);
+        QCOMPARE(failed.count(), 1);
+        QCOMPARE(logSince(mark).filter(QRegularExpression("^(makeAddr|bind)")),
+                 QStringList({"makeAddr() failed", "bind() failed"}));
+    }
+
+    void testForeignPeerClosedBeforeRead()
+    {
+        if (getuid() != 0)
+            QSKIP("needs root to connect as another user");
+        const int mark = logMark();
+        zrui_close(conn);
+        conn = nullptr;
+        // The raw call, unlike the C library's, changes this one thread's user only.
+        std::thread([this] {
+            if (syscall(SYS_setresuid, -1, 65534, -1) == 0)
+                (void)zrui_open(qPrintable(app), &conn);
+        }).join();
+        QVERIFY(conn);
+        QCOMPARE(ask(begin()), QByteArray("closed"));
+        // Turned away before a byte is read: straight back to accept.
+        const auto next = [&] {
+            const QStringList lines = logSince(mark);
+            const int at = lines.indexOf(
+                    QStringLiteral("rejected peer uid=65534 pid=%1: not this user").arg(getpid()));
+            return at < 0 ? QString() : lines.value(at + 1);
+        };
+        QTRY_COMPARE_WITH_TIMEOUT(next(), QStringLiteral("CreatePipeAndListen: call accept..."),
+                                  kDeadlineMs);
+        QVERIFY(open());
+        QCOMPARE(ask(begin()), reply(UI_OK));
+    }
 };
 
-void TestService::testRequestSplitOverThreeWrites()
-{
-    TestClient client;
-    QVERIFY(begin(client));
-    const int ev = harness.eventCount();
-    const int mark = ServiceHarness::logMark();
-    const QByteArray text = "Please press the button on the key|30";
-    const QByteArray pkt = TestClient::packet(REQ_Waiting_Show, u32(4) + cstr(text));
-    QVERIFY(client.sendRaw(pkt.left(10)));
-    QVERIFY(ServiceHarness::waitForLog(S("RecvPack: RecvBuff rcount= 10"), mark));
-    QVERIFY(client.sendRaw(pkt.mid(10, 7)));
-    QVERIFY(ServiceHarness::waitForLog(S("RecvPack: RecvBuff rcount= 17"), mark));
-    QVERIFY(client.sendRaw(pkt.mid(17)));
-    quint32 resp = 0xdead;
-    QByteArray data;
-    QVERIFY(client.readResponse(&resp, &data));
-    QCOMPARE(resp, quint32(UI_OK));
-    QCOMPARE(data.size(), 0);
-    QStringList recv = linesFrom(mark, S("RecvPack:"));
-    recv.removeAll(S("RecvPack: RecvBuff......")); // opens every wait, either side of the mark
-    QCOMPARE(recv,
-             QStringList({S("RecvPack: RecvBuff recvLen= 10 , sizeof(COMMPACK)= 8 , "
-                            "((PCOMMPACK)pReqData)->datalen= %1")
-                                  .arg(pkt.size() - 8),
-                          S("RecvPack: RecvBuff rcount= 10"), S("RecvPack: RecvBuff recvLen= 7"),
-                          S("RecvPack: RecvBuff rcount= 17"),
-                          S("RecvPack: RecvBuff recvLen= %1").arg(pkt.size() - 17),
-                          S("RecvPack: RecvBuff final rcount= %1").arg(pkt.size())}));
-    QTRY_COMPARE(harness.events(ev), QStringList(S("show_waiting_dialog(%1|4)").arg(S(text))));
-}
-
-void TestService::testRequestDropped_data()
-{
-    QTest::addColumn<QByteArray>("bytes");
-    QTest::addColumn<QString>("lastRecvLen");
-    QTest::addColumn<QString>("lastRcount"); // empty: the read loop never ran
-    QTest::newRow("first read of 5 bytes")
-            << TestClient::packet(REQ_BeginSession, kBegin).left(5)
-            << S("RecvPack: RecvBuff recvLen= 5 , sizeof(COMMPACK)= 8 , "
-                 "((PCOMMPACK)pReqData)->datalen= 10")
-            << QString();
-    QTest::newRow("datalen above maximum")
-            << TestClient::packet(REQ_Waiting_Show, QByteArray(COMMPACK_MAX_DATA + 1, 'A'))
-            << S("RecvPack: RecvBuff recvLen= 0")
-            << S("RecvPack: RecvBuff rcount= %1").arg(COMMPACK_MAX_SIZE);
-}
-
-void TestService::testRequestDropped()
-{
-    QFETCH(QByteArray, bytes);
-    QFETCH(QString, lastRecvLen);
-    QFETCH(QString, lastRcount);
-    TestClient client;
-    QVERIFY(begin(client));
-    const int mark = ServiceHarness::logMark();
-    QVERIFY(client.sendRaw(bytes));
-    QVERIFY(ServiceHarness::waitForLog(S("RecvPack() failed"), mark));
-    QByteArray extra;
-    QVERIFY(client.waitClosed(5000, &extra));
-    QCOMPARE(extra.toHex(), QByteArray()); // no response
-    QCOMPARE(lastOf(linesFrom(mark, S("RecvPack: RecvBuff recvLen="))), lastRecvLen);
-    QCOMPARE(lastOf(linesFrom(mark, S("RecvPack: RecvBuff rcount="))), lastRcount);
-    QCOMPARE(linesFrom(mark, S("REQ_")) + linesFrom(mark, S("SendBuff: Send ")), QStringList());
-}
-
-void TestService::testFullPacketWithoutTerminator()
-{
-    TestClient client;
-    QVERIFY(begin(client));
-    const int ev = harness.eventCount();
-    const QByteArray text(COMMPACK_MAX_DATA - 4, 'B');
-    QCOMPARE(client.ask(REQ_Waiting_Show, u32(2) + text), quint32(UI_OK));
-    QTRY_COMPARE(harness.events(ev), QStringList(S("show_waiting_dialog(%1|2)").arg(S(text))));
-}
-
-// A second BeginSession overwrites the handles: only the last pair is released.
-void TestService::testDeviceReference()
-{
-    TestClient client;
-    QVERIFY(begin(client));
-    QString ctx1, dev1, ctx2, dev2;
-    QVERIFY(journalFromLastConnect(&ctx1, &dev1).value(0).contains(S(" ref=0x8877665544332211 ")));
-    QCOMPARE(zrui_end_session(client.handle()), ZRUI_OK);
-    QCOMPARE(zrui_begin_session(client.handle(), 0x0102030405060708ULL), ZRUI_OK);
-    QVERIFY(journalFromLastConnect(&ctx2, &dev2).value(0).contains(S(" ref=0x0102030405060708 ")));
-    QVERIFY(dev2 != dev1);
-    client.close();
-    QTRY_VERIFY(releasedAs(""));
-    const QStringList all = ServiceHarness::journalLines();
-    QVERIFY(!all.contains(S("Disconnect dev=%1 rc=0").arg(dev1)));
-    QVERIFY(!all.contains(S("ReleaseContext ctx=%1 rc=0").arg(ctx1)));
-    QVERIFY(all.contains(S("Disconnect dev=%1 rc=0").arg(dev2)));
-}
-
-void TestService::testTokenPulledOut()
-{
-    TestClient client;
-    QVERIFY(begin(client));
-    const int ev = harness.eventCount();
-    QVERIFY(ServiceHarness::setTokenPresent(false));
-    QByteArray out;
-    QCOMPARE(client.ask(REQ_PIN_Show, u32(1), &out), quint32(UI_TOKEN_NOT_PRESENT));
-    QCOMPARE(out.size(), 0);
-    QVERIFY(client.waitClosed());
-    QTRY_VERIFY(releasedAs("1"));
-    QTRY_COMPARE(harness.events(ev), kHides);
-    QTRY_VERIFY(harness.events(ev, true).contains(S("startExitTimer()")));
-}
-
-// Absent at BeginSession: the session starts without a device, so no presence check ends it.
-void TestService::testBeginSessionTokenAbsent()
-{
-    QVERIFY(ServiceHarness::setTokenPresent(false));
-    TestClient client;
-    QVERIFY(begin(client));
-    const QStringList journal = ServiceHarness::journalLines();
-    QVERIFY2(QRegularExpression(S("^Connect .* rc=[1-9]\\d* dev=0$"))
-                     .match(journal.last())
-                     .hasMatch(),
-             qPrintable(journal.last()));
-    QCOMPARE(client.ask(REQ_PIN_Show, u32(1)), quint32(UI_OK));
-    QCOMPARE(client.ask(REQ_PIN_GetPIN), quint32(UI_NO_RESULT));
-    QCOMPARE(ServiceHarness::journalLines(), journal);
-}
-
-void TestService::testDisconnectMidSession()
-{
-    {
-        TestClient client;
-        QVERIFY(begin(client));
-        QCOMPARE(client.ask(REQ_PIN_Show, u32(2)), quint32(UI_OK));
-        const int ev = harness.eventCount();
-        const int mark = ServiceHarness::logMark();
-        client.close();
-        QTRY_COMPARE(harness.events(ev), QStringList(S("pipe_comm_failed()")) + kHides);
-        QTRY_VERIFY(harness.events(ev, true).contains(S("startExitTimer()")));
-        QVERIFY(ServiceHarness::waitForLog(S("RecvPack() failed"), mark));
-        QTRY_VERIFY(releasedAs("0"));
-    }
-    // The next connection starts from scratch: a PIN request is a state error.
-    TestClient next;
-    QCOMPARE(next.open(harness.appName()), ZRUI_OK);
-    const int mark = ServiceHarness::logMark();
-    QCOMPARE(next.ask(REQ_PIN_Show, u32(1)), quint32(UI_STATE_ERROR));
-    QVERIFY(next.waitClosed());
-    QCOMPARE(ServiceHarness::countLog(S("StateMachine Err, operation  3"), mark, true), 1);
-}
-
-void TestService::testMessageBoxLayout_data()
-{
-    QTest::addColumn<QByteArray>("title");
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QString>("shown"); // title|text as the dialog gets them
-    QTest::newRow("ascii") << QByteArray("Warning") << QByteArray("Remove the key")
-                           << S("Warning|Remove the key");
-    QTest::newRow("empty title") << QByteArray() << QByteArray("only text") << S("|only text");
-    // Non-ASCII titles: the text is read 13 + UTF-16 length into the packet.
-    QTest::newRow("chinese title") << QByteArray("中文") << QByteArray("hello") << S("中文|文");
-    QTest::newRow("emoji title") << QByteArray("\xF0\x9F\x98\x80") << QByteArray("hi")
-                                 << S("\xF0\x9F\x98\x80|\xEF\xBF\xBD");
-}
-
-void TestService::testMessageBoxLayout()
-{
-    QFETCH(QByteArray, title);
-    QFETCH(QByteArray, text);
-    QFETCH(QString, shown);
-    harness.autoMsgAnswer = 1;
-    TestClient client;
-    QVERIFY(begin(client));
-    const int ev = harness.eventCount();
-    QCOMPARE(client.ask(REQ_MessageBox, u32(0x01020304) + cstr(title) + cstr(text)),
-             quint32(UI_OK));
-    QTRY_COMPARE(harness.events(ev), QStringList(S("show_message_dialog(%1|16909060)").arg(shown)));
-}
-
-void TestService::testSecondService_data()
-{
-    QTest::addColumn<int>("nameLength"); // of name + uid
-    QTest::newRow("106 bytes") << 106;
-    QTest::newRow("107 bytes") << 107;
-}
-
-void TestService::testSecondService()
-{
-    QFETCH(int, nameLength);
-    const bool listens = nameLength == 106;
-    const QString uid = QString::number(getuid());
-    const QString prefix = ServiceHarness::uniqueAppName(S("long"));
-    const QString app = prefix + QString(nameLength - uid.size() - prefix.size(), 'x');
-    const int mark = ServiceHarness::logMark();
-    ServiceHarness other;
-    QVERIFY(other.start(app, !listens));
-    QCOMPARE(ServiceHarness::countLog(S("genPipeName: \"%1%2\"").arg(app, uid), mark, true), 1);
-    if (listens) {
-        TestClient client;
-        QCOMPARE(client.open(app), ZRUI_OK);
-        QCOMPARE(client.ask(REQ_BeginSession, kBegin), quint32(UI_OK));
-    } else {
-        const QStringList lines = ServiceHarness::logSince(mark);
-        QCOMPARE(lines.count(S("bind() failed")), 1);
-        QCOMPARE(lines.value(lines.indexOf(S("bind() failed")) - 1), S("makeAddr() failed"));
-        QTRY_COMPARE(other.events(0, true),
-                     QStringList({S("startExitTimer()"), S("start_pipe_failed()")}));
-    }
-    QVERIFY(other.stop());
-    TestClient client; // the first service serves on
-    QVERIFY(begin(client));
-}
-
-void TestService::testPinResultRedactedInLog()
-{
-    QVERIFY(LogFile::clear());
-    TestClient client;
-    QVERIFY(begin(client));
-    QCOMPARE(zrui_pin_show(client.handle(), 1), ZRUI_OK);
-    const QByteArray oldPin = "739251", newPin = "84625193";
-    QByteArray result = u32(quint32(oldPin.size())) + oldPin + u32(quint32(newPin.size())) + newPin;
-    harness.fake.SetPINStatus(1, reinterpret_cast<unsigned char *>(result.data()),
-                              ulong(result.size()));
-    // Twice: the wipe after the first write must not touch the UI's copy.
-    for (int round = 0; round < 2; ++round) {
-        QByteArray out;
-        QCOMPARE(client.ask(REQ_PIN_GetPIN, {}, &out), quint32(UI_OK));
-        QCOMPARE(out.toHex(), result.toHex());
-    }
-    QCOMPARE(zrui_pin_finish(client.handle()), ZRUI_OK);
-    QCOMPARE(zrui_end_session(client.handle()), ZRUI_OK);
-    client.close();
-    const QString redacted = S("SendBuff: Send \"0000000016000000\" <22 bytes redacted>");
-    QVERIFY(LogFile::waitForCount(S("SendBuff: Sended writelen= 30"), 2));
-    QCOMPARE(LogFile::countExact(redacted), 2);
-    // Neither the file nor the captured lines hold the PINs, in hex or clear.
-    for (const QString &line : LogFile::messages() + ServiceHarness::logSince(0)) {
-        for (const QByteArray &secret : {oldPin.toHex(), newPin.toHex(), oldPin, newPin})
-            QVERIFY2(!line.contains(QString::fromLatin1(secret)), qPrintable(line));
-    }
-    // Responses without a PIN keep their full dump.
-    QVERIFY(LogFile::countExact(S("SendBuff: Send \"0000000000000000\"")) >= 4);
-}
-
-void TestService::testForeignPeerClosedBeforeRead()
-{
-    if (getuid() != 0)
-        QSKIP("needs root: the foreign client drops to uid 65534 with setresuid");
-    const QByteArray name = harness.socketName().toUtf8();
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    memcpy(addr.sun_path + 1, name.constData(), size_t(name.size()));
-    const socklen_t addrLen = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + size_t(name.size()));
-    const QByteArray request = TestClient::packet(REQ_BeginSession, kBegin);
-    // Earlier connections over: the loop waits in accept again.
-    const QString callAccept = S("CreatePipeAndListen: call accept...");
-    QTRY_COMPARE(ServiceHarness::countLog(S("Clean env, handle :")),
-                 ServiceHarness::countLog(S("accepted: client_addr=")));
-    QTRY_COMPARE(
-            ServiceHarness::logSince(0)
-                    .filter(QRegularExpression(
-                            "^(Clean env, handle :|CreatePipeAndListen: call accept\\.\\.\\.$)"))
-                    .last(),
-            callAccept);
-    const int ev = harness.eventCount();
-    const int journalSize = ServiceHarness::journalLines().size();
-    const int mark = ServiceHarness::logMark();
-
-    const pid_t child = fork();
-    QVERIFY(child >= 0);
-    if (child == 0) { // async-signal-safe calls only: the parent has threads
-        const long nobody = 65534;
-        if (syscall(SYS_setresgid, nobody, nobody, nobody) != 0
-            || syscall(SYS_setresuid, nobody, nobody, nobody) != 0)
-            _exit(10);
-        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (::connect(fd, reinterpret_cast<const sockaddr *>(&addr), addrLen) != 0)
-            _exit(12);
-        // Closed already: a refused send is as good as EOF.
-        if (send(fd, request.constData(), size_t(request.size()), MSG_NOSIGNAL) != request.size())
-            _exit(errno == EPIPE || errno == ECONNRESET ? 0 : 16);
-        pollfd p = {fd, POLLIN, 0};
-        char buf[64];
-        const ssize_t n = poll(&p, 1, 10000) == 1 ? read(fd, buf, sizeof buf) : 1;
-        _exit(n == 0 || (n < 0 && errno == ECONNRESET) ? 0 : 13);
-    }
-    int status = 0;
-    bool reaped = false; // waitpid reports the end once
-    const bool ended = QTest::qWaitFor(
-            [&] { return reaped = reaped || waitpid(child, &status, WNOHANG) == child; }, 15000);
-    if (!ended)
-        kill(child, SIGKILL);
-    QVERIFY(ended);
-    QVERIFY(WIFEXITED(status));
-    QCOMPARE(WEXITSTATUS(status), 0); // closed by the server, not a byte sent back
-
-    const QString rejected = S("rejected peer uid=65534 pid=%1: not this user").arg(child);
-    QVERIFY(ServiceHarness::waitForLog(rejected, mark));
-    const int at = ServiceHarness::logSince(mark).indexOf(rejected);
-    QVERIFY(ServiceHarness::waitForLog(callAccept, mark + at));
-    const QStringList lines = ServiceHarness::logSince(mark);
-    QVERIFY(lines.value(at - 1).startsWith(S("accepted: client_addr=")));
-    QCOMPARE(lines.value(at + 1), callAccept);
-    QCOMPARE(lines.filter(QRegularExpression("^Recv")), QStringList());
-    // No trace in the session (no device call, no signal); this user is served on.
-    QCOMPARE(ServiceHarness::journalLines().size(), journalSize);
-    QCOMPARE(harness.events(ev), QStringList());
-    TestClient client;
-    QVERIFY(begin(client));
-}
-
-QTEST_GUILESS_MAIN(TestService)
+QTEST_MAIN(TestService)
 #include "TestService.moc"
