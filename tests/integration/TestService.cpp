@@ -245,8 +245,8 @@ class TestService : public QObject
 
     PINDialog *showPin(quint32 type)
     {
-        if (ask(REQ_PIN_Show, u32(type)) != reply(UI_OK)
-            // At once, before this thread shows the dialog: nothing typed yet.
+        // No events yet: answered before this thread even shows the dialog.
+        if (ask(packet(REQ_PIN_Show, u32(type)), false) != reply(UI_OK)
             || ask(packet(REQ_PIN_GetPIN), false) != reply(UI_NO_RESULT))
             return nullptr;
         return waitShown(&UI_Service::currentPinDialog);
@@ -467,9 +467,9 @@ private slots:
     {
         ui->on_waiting_dialog_show(QString(), 2);
         QPointer<WaitingDialog> first = ui->currentWaitingDialog();
+        QVERIFY(first);
         ui->on_waiting_dialog_show(QString(), 3);
         QVERIFY(first.isNull() && ui->currentWaitingDialog()->isVisible());
-        ui->on_waiting_dialog_hide();
     }
 
     void testFraming_data()
