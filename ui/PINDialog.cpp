@@ -14,6 +14,7 @@
 #include <QCloseEvent>
 #include <QDebug>
 #include <QGuiApplication>
+#include <QHash>
 #include <QHideEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -126,9 +127,7 @@ QColor readableRed(const QColor &background)
     return red;
 }
 
-// An eye, struck through while the PIN is hidden; drawn in the text colour so
-// it reads on light and dark palettes alike.
-QIcon eyeIcon(const QColor &colour, bool struck)
+QIcon drawEyeIcon(const QColor &colour, bool struck)
 {
     QPixmap pixmap(32, 32);
     pixmap.fill(Qt::transparent);
@@ -145,6 +144,19 @@ QIcon eyeIcon(const QColor &colour, bool struck)
     if (struck)
         painter.drawLine(6, 27, 26, 5);
     return QIcon(pixmap);
+}
+
+// An eye, struck through while the PIN is hidden; drawn in the text colour so
+// it reads on light and dark palettes alike. Drawn once per colour: every
+// dialog shows three, and each new icon left its scaled copies in
+// QPixmapCache.
+QIcon eyeIcon(const QColor &colour, bool struck)
+{
+    static QHash<QPair<QRgb, bool>, QIcon> drawn;
+    QIcon &icon = drawn[qMakePair(colour.rgba(), struck)];
+    if (icon.isNull())
+        icon = drawEyeIcon(colour, struck);
+    return icon;
 }
 
 bool endsWalk(const QString &row, QChar c, QChar next)
