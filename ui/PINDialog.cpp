@@ -378,11 +378,11 @@ int PINDialog::rememberedWindowY() { return keepWindowY; }
  */
 void PINDialog::setComment(const QString &text, bool error)
 {
-    // The label's style sheet decides the drawn colour, so the colour goes there.
-    const QColor colour = error ? readableRed(palette().color(QPalette::Window))
-                                : palette().color(QPalette::WindowText);
-    ui->label_comments->setStyleSheet(
-            QStringLiteral("QLabel { margin-left:10px; color:%1; }").arg(colour.name()));
+    // A palette rather than a style sheet: a style sheet costs every dialog a style of its own.
+    QPalette colours = ui->label_comments->palette();
+    colours.setColor(QPalette::WindowText, error ? readableRed(palette().color(QPalette::Window))
+                                                 : palette().color(QPalette::WindowText));
+    ui->label_comments->setPalette(colours);
     ui->label_comments->setText(text);
     // Screen readers announce the comment as the fields' description.
     for (QLineEdit *edit : {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin})
