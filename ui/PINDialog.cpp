@@ -7,6 +7,7 @@
 #include "WindowActivation.h"
 #include "DialogAccessibility.h"
 #include "DialogKeys.h"
+#include "PinFieldReveal.h"
 #include "service/UiStatusHandler.h"
 
 #include <QAction>
@@ -95,6 +96,14 @@ void wipeUnlessHeld(QString &s, const QLineEdit *edit)
         s = QString();
     else
         wipeShared(s);
+}
+
+// Puts `kept` in the edit and wipes the refused text it held until now.
+void replaceRefused(QLineEdit *edit, const QString &text, const QString &kept)
+{
+    QString refused = text;
+    edit->setText(kept);
+    wipeUnlessHeld(refused, edit);
 }
 
 // WCAG relative luminance and contrast ratio.
@@ -325,21 +334,19 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     for (QLineEdit *edit : edits)
         connect(edit, SIGNAL(returnPressed()), this, SLOT(on_pushButton_OK_clicked()));
 
-    // A show/hide toggle inside each field. A shown PIN is still never
-    // selected: a selection in clear text would land in the X selection.
+    // A show/hide toggle inside each field; shown, the field still holds
+    // its PIN in password echo (no copy to wipe, none to select).
     for (QLineEdit *edit : edits) {
         QAction *toggle = edit->addAction(QIcon(), QLineEdit::TrailingPosition);
         toggle->setObjectName(edit->objectName() + QStringLiteral("_show"));
         toggle->setCheckable(true);
-        connect(toggle, &QAction::toggled, this, [this, edit, toggle](bool shown) {
-            edit->setEchoMode(shown ? QLineEdit::Normal : QLineEdit::Password);
-            if (shown)
-                edit->deselect();
+        // The icon takes no focus: keyboard users toggle with a key instead.
+        toggle->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_H));
+        toggle->setShortcutContext(Qt::WidgetShortcut);
+        auto *reveal = new PinFieldReveal(edit);
+        connect(toggle, &QAction::toggled, this, [this, reveal, toggle](bool shown) {
+            reveal->setShown(shown);
             refreshShowToggle(toggle);
-        });
-        connect(edit, &QLineEdit::selectionChanged, edit, [edit]() {
-            if (edit->echoMode() == QLineEdit::Normal && edit->hasSelectedText())
-                edit->deselect();
         });
         refreshShowToggle(toggle);
     }
@@ -696,7 +703,7 @@ void PINDialog::on_lineEdit_newPin_textChanged(const QString &text)
 {
     const QString kept = filteredText(text);
     if (kept.size() != text.size())
-        ui->lineEdit_newPin->setText(kept);
+        replaceRefused(ui->lineEdit_newPin, text, kept);
     if (kept.isEmpty())
         return;
 
@@ -725,7 +732,7 @@ void PINDialog::on_lineEdit_confirmPin_textChanged(const QString &text)
 {
     const QString kept = filteredText(text);
     if (kept.size() != text.size())
-        ui->lineEdit_confirmPin->setText(kept);
+        replaceRefused(ui->lineEdit_confirmPin, text, kept);
 }
 
 /**
