@@ -1,17 +1,14 @@
-// The real executable under a window manager (openbox in Xvfb), driven by the
-// client library and by xdotool as the person.
+// The real executable under a window manager (openbox in Xvfb) and a screen
+// reader's bus (AT-SPI), driven by the client library and xdotool as the person.
 #include "XDoTool.h"
 
 #include "LogFile.h"
 #include "ServerLauncher.h"
 #include "client/zrui_client.h"
 
-#include <QFile>
 #include <QtTest>
 
-#include <fcntl.h>
 #include <future>
-#include <unistd.h>
 
 namespace {
 const char Pin[] = "Qv7Kx2Zp9W"; // distinctive: appears nowhere else in the process
@@ -20,42 +17,56 @@ const char Pin[] = "Qv7Kx2Zp9W"; // distinctive: appears nowhere else in the pro
 // -1 when none of it can be read (it is not dumpable: root only).
 qint64 pinCopies(qint64 pid)
 {
-    QList<QByteArray> needles{Pin, {}, {}};
-    for (const char c : QByteArray(Pin)) {
-        needles[1] += QByteArray(1, c) + '\0';
-        needles[2] += QByteArray(1, c) + QByteArray(3, '\0');
-    }
-    QFile maps(QStringLiteral("/proc/%1/maps").arg(pid));
-    const int mem = open(qPrintable(QStringLiteral("/proc/%1/mem").arg(pid)), O_RDONLY);
+    const QString pin(Pin);
+    const QVector<uint> ucs4 = pin.toUcs4();
+    const QByteArray needles[] = {Pin, QByteArray((const char *)pin.utf16(), pin.size() * 2),
+                                  QByteArray((const char *)ucs4.data(), ucs4.size() * 4)};
+    QFile maps(QStringLiteral("/proc/%1/maps").arg(pid)),
+            mem(QStringLiteral("/proc/%1/mem").arg(pid));
+    if (!maps.open(QIODevice::ReadOnly) || !mem.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return -1;
     qint64 found = 0, readable = 0;
-    QByteArray chunk;
-    for (const QByteArray &line :
-         maps.open(QIODevice::ReadOnly) ? maps.readAll().split('\n') : QList<QByteArray>()) {
-        const QList<QByteArray> f = line.simplified().split(' ');
-        if (mem < 0 || f.size() < 5 || !f.at(1).startsWith('r') || line.contains("[v"))
-            continue; // not readable, [vvar], [vsyscall]
-        const QList<QByteArray> range = f.at(0).split('-');
-        const quint64 end = range.value(1).toULongLong(nullptr, 16);
-        for (quint64 at = range.value(0).toULongLong(nullptr, 16); at < end;) {
-            chunk.resize(int(qMin<quint64>(end - at, 1 << 20)));
-            const qint64 got = pread(mem, chunk.data(), size_t(chunk.size()), off_t(at));
-            if (got <= 0)
-                break;
-            readable += got;
-            // A match starting in the last 63 bytes is left to the next chunk.
-            const qint64 step = at + quint64(got) >= end ? got : got - 63;
-            chunk.resize(int(got));
+    const qint64 step = 1 << 20; // chunks overlap; a match counts in the chunk it starts in
+    const QRegularExpression readableRange("^([0-9a-f]+)-([0-9a-f]+) r(?!.*\\[v)"); // not [vvar]
+    for (const QByteArray &line : maps.readAll().split('\n')) {
+        const QRegularExpressionMatch m = readableRange.match(QString::fromLatin1(line));
+        const qint64 end = m.captured(2).toULongLong(nullptr, 16);
+        for (qint64 at = m.captured(1).toULongLong(nullptr, 16); at < end && mem.seek(at);
+             at += step) {
+            const QByteArray chunk = mem.read(qMin(end - at, step + 64));
+            readable += chunk.size();
             for (const QByteArray &n : needles) {
                 for (int i = chunk.indexOf(n); i >= 0 && i < step; i = chunk.indexOf(n, i + 1))
                     ++found;
             }
-            at += quint64(step);
         }
     }
-    if (mem >= 0)
-        close(mem);
     return readable > 0 ? found : -1;
 }
+// "--publish": the accessibility bus address onto the root window once the registry
+// answers; an application name: its tree ("role|name|description|text") once complete.
+const char Script[] = R"(
+import pyatspi, subprocess, sys, time
+def walk(a):
+    try: text = a.queryText().getText(0, -1)
+    except Exception: text = ''
+    kids = [walk(a.getChildAtIndex(i)) for i in range(a.childCount)]
+    return ['%s|%s|%s|%s' % (a.getRoleName(), a.name, a.description, text)] + sum(kids, [])
+end = time.time() + 20
+while time.time() < end:
+    try:
+        d = pyatspi.Registry.getDesktop(0)  # raises until the registry answers
+        if sys.argv[1] == '--publish':
+            a = subprocess.check_output(['dbus-send', '--session', '--print-reply=literal',
+                '--dest=org.a11y.Bus', '/org/a11y/bus', 'org.a11y.Bus.GetAddress']).decode()
+            sys.exit(subprocess.call(['xprop', '-root', '-f', 'AT_SPI_BUS', '8s', '-set', 'AT_SPI_BUS', a.strip()]))
+        for tree in [walk(app) for app in d if app and app.name == sys.argv[1]]:
+            if sum(l.startswith('password text|') for l in tree) >= 3: sys.exit(print('\n'.join(tree)))
+    except Exception: pass
+    time.sleep(0.2)
+sys.exit(1)
+)";
+
 } // namespace
 
 class TestWindowLifecycle : public QObject
@@ -68,14 +79,11 @@ class TestWindowLifecycle : public QObject
 
     zrui_conn *openSession()
     {
-        zrui_conn *c = nullptr;
-        if (zrui_open(server.appName().toUtf8().constData(), &c) != ZRUI_OK)
-            return nullptr;
-        zrui_set_timeout(c, 10000); // a stalled server fails fast instead of waiting on a box
-        if (zrui_begin_session(c, 0) == ZRUI_OK)
-            return c;
-        zrui_close(c);
-        return nullptr;
+        zrui_close(conn);
+        conn = nullptr;
+        zrui_open(server.appName().toUtf8().constData(), &conn);
+        zrui_set_timeout(conn, 10000); // a stalled server fails fast instead of waiting on a box
+        return zrui_begin_session(conn, 0) == ZRUI_OK ? conn : nullptr;
     }
     bool press(const QString &title, const QString &keys, bool typed = false)
     {
@@ -91,77 +99,70 @@ private slots:
         if (!XDoTool::available() || openbox.isEmpty())
             QSKIP("needs xdotool, openbox and an X display (xvfb-run)");
         windowManager.start(openbox, {QStringLiteral("--sm-disable")});
-        const auto running = [] {
-            QProcess p;
-            p.start(QStringLiteral("xprop"), {"-root", "_NET_SUPPORTING_WM_CHECK"});
-            return p.waitForFinished(5000) && p.readAllStandardOutput().contains("window id #");
-        };
-        QTRY_VERIFY_WITH_TIMEOUT(running(), 60000); // slow to come up on a loaded machine
+        const QStringList wm{"-c", "xprop -root _NET_SUPPORTING_WM_CHECK | grep -q 'window id'"};
+        QTRY_VERIFY_WITH_TIMEOUT(QProcess::execute("sh", wm) == 0, 60000); // slow on a busy machine
+        // Qt looks for the accessibility bus once, as it starts: it must be
+        // published on the root window by then (as a desktop session does).
+        QCOMPARE(QProcess::execute("/usr/bin/python3", {"-c", Script, "--publish"}), 0);
+        server.setEnv("QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1");
         server.setPlatform(QString()); // the X server of xvfb-run
         QVERIFY2(server.start() && server.waitForListening(), server.output().constData());
         pid = server.process().processId();
     }
-    void cleanup()
-    {
-        if (conn)
-            zrui_close(conn);
-        conn = nullptr;
-    }
     void cleanupTestCase()
     {
-        server.stop();
+        zrui_close(conn);
         windowManager.terminate();
         windowManager.waitForFinished(5000);
     }
 
-    // A window-manager close (Alt+F4 in openbox; the PIN window offers none) or
-    // Escape answers as Cancel, an OK-only box as OK; no close ends the process.
+    // A window-manager close (Alt+F4 in openbox; the PIN window offers none) or Escape
+    // answers as Cancel, an OK-only box as OK; no close ends the process.
     void testCloseAnswersAndServiceStays_data()
     {
-        QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("title");
         QTest::addColumn<QString>("keys");
         QTest::addColumn<int>("answer");
-        QTest::newRow("pin") << "pin"
-                             << "Verify USBKey password"
-                             << "Escape" << int(ZRUI_E_CANCEL);
-        QTest::newRow("retry") << "retry"
-                               << "USBKey password error"
-                               << "alt+F4" << int(ZRUI_E_CANCEL);
-        QTest::newRow("message") << "message"
-                                 << "Lifecycle notice"
-                                 << "Escape" << int(ZRUI_OK);
-        QTest::newRow("list") << "list"
-                              << "Select Container"
-                              << "alt+F4" << int(ZRUI_E_CANCEL);
-        QTest::newRow("waiting") << "waiting"
-                                 << "Verify user PIN"
-                                 << "alt+F4" << int(ZRUI_OK);
+        const struct
+        {
+            const char *kind, *title, *keys;
+            int answer;
+        } rows[] = {{"pin", "Verify USBKey password", "Escape", ZRUI_E_CANCEL},
+                    {"retry", "USBKey password error", "alt+F4", ZRUI_E_CANCEL},
+                    {"message", "Lifecycle notice", "Escape", ZRUI_OK},
+                    {"list", "Select Container", "alt+F4", ZRUI_E_CANCEL},
+                    {"waiting", "Verify user PIN", "alt+F4", ZRUI_OK}};
+        for (const auto &r : rows)
+            QTest::newRow(r.kind) << QString(r.title) << QString(r.keys) << r.answer;
     }
     void testCloseAnswersAndServiceStays()
     {
-        QFETCH(QString, kind);
         QFETCH(QString, title);
         QFETCH(QString, keys);
         QFETCH(int, answer);
-        zrui_conn *c = conn = openSession();
+        const QByteArray kind = QTest::currentDataTag();
+        zrui_conn *c = openSession();
         QVERIFY(c);
         zrui_pin_result pin;
         int32_t index = -7;
         std::future<int> blocked; // message and retry requests wait for the box
         if (kind == "pin" || kind == "retry")
-            QCOMPARE(zrui_pin_show(c, 0), int(ZRUI_OK));
-        if (kind == "retry") {
-            QCOMPARE(zrui_pin_get(c, &pin), int(ZRUI_E_NORESULT));
+            QVERIFY(zrui_pin_show(c, 0) == ZRUI_OK && zrui_pin_get(c, &pin) == ZRUI_E_NORESULT);
+        if (kind == "retry")
             blocked = std::async(std::launch::async, [c] { return zrui_pin_retry(c, 3); });
-        } else if (kind == "message") {
+        if (kind == "message")
             blocked = std::async(std::launch::async,
-                                 [c] { return zrui_message_box(c, 0, "Lifecycle notice", "Bye"); });
-        } else if (kind == "list") {
-            QCOMPARE(zrui_list_show(c, 0, "first\nsecond"), int(ZRUI_OK));
-        } else if (kind == "waiting") {
-            QCOMPARE(zrui_waiting_show(c, 2, "1=30"), int(ZRUI_OK));
+                                 [c] { return zrui_message_box(c, 0, "Lifecycle notice", "Hi"); });
+        if (kind == "list") { // a new list replaces the open one (X window and all)
+            QVERIFY(zrui_list_show(c, 0, "a\nb") == ZRUI_OK
+                    && zrui_list_get_sel(c, &index) == ZRUI_E_NORESULT);
+            const QString first = XDoTool::waitForWindow(title, 15000, pid);
+            QVERIFY(zrui_end_session(c) == ZRUI_OK && zrui_begin_session(c, 0) == ZRUI_OK
+                    && zrui_list_show(c, 0, "c\nd") == ZRUI_OK);
+            QTRY_VERIFY_WITH_TIMEOUT(XDoTool::waitForWindow(title, 15000, pid) != first, 15000);
+            QTRY_COMPARE(XDoTool::titles(pid, true).count(title), 1);
         }
+        QVERIFY(kind != "waiting" || zrui_waiting_show(c, 2, "1=30") == ZRUI_OK);
         QVERIFY(press(title, keys));
         QVERIFY(XDoTool::waitForNoWindow(title, 15000, pid));
         const int result = blocked.valid()  ? blocked.get() // bounded by the connection's time-out
@@ -170,32 +171,9 @@ private slots:
                                             : zrui_waiting_finish(c);
         QCOMPARE(result, answer);
         zrui_close(conn);
-        // The process is still there and serves the next client.
-        QVERIFY(conn = openSession());
-        QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
-    }
-
-    // A new list request replaces the open list; no window outlives its connection.
-    void testWindowsReplacedAndGoWithConnection()
-    {
-        QVERIFY(conn = openSession());
-        int32_t index = -7;
-        for (int i = 0; i < 5; ++i) {
-            QCOMPARE(zrui_list_show(conn, 0, "first\nsecond"), int(ZRUI_OK));
-            QCOMPARE(zrui_list_get_sel(conn, &index), int(ZRUI_E_NORESULT));
-            QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
-            QCOMPARE(zrui_begin_session(conn, 0), int(ZRUI_OK));
-        }
-        QCOMPARE(zrui_waiting_show(conn, 2, "1=30"), int(ZRUI_OK));
-        QVERIFY(!XDoTool::waitForWindow("Verify user PIN", 15000, pid).isEmpty());
-        QCOMPARE(XDoTool::titles(pid, true).count("Select Container"), 1); // hidden ones count
-        zrui_close(conn);
-        conn = nullptr;
-        QTRY_VERIFY_WITH_TIMEOUT(
-                XDoTool::titles(pid, true)
-                        .filter(QRegularExpression("^(Select Container|Verify user PIN)$"))
-                        .isEmpty(),
-                10000);
+        conn = nullptr; // no window outlives its connection, hidden ones neither
+        QTRY_VERIFY_WITH_TIMEOUT(!XDoTool::titles(pid, true).contains(title), 10000);
+        QVERIFY(openSession()); // the process is still there and serves the next client
     }
 
     // No copy of a typed PIN stays in the process, shown in clear or not.
@@ -203,11 +181,12 @@ private slots:
     {
         QTest::addColumn<int>("end");
         QTest::addColumn<bool>("shown");
-        for (const bool shown : {false, true}) {
-            QTest::addRow("REQ_PIN_Finish%s", shown ? ", shown" : "") << 0 << shown;
-            QTest::addRow("REQ_EndSession%s", shown ? ", shown" : "") << 1 << shown;
-            QTest::addRow("disconnect%s", shown ? ", shown" : "") << 2 << shown;
-        }
+        QTest::newRow("REQ_PIN_Finish") << 0 << false;
+        QTest::newRow("REQ_EndSession") << 1 << false;
+        QTest::newRow("disconnect") << 2 << false;
+        QTest::newRow("REQ_PIN_Finish, shown") << 0 << true;
+        QTest::newRow("REQ_EndSession, shown") << 1 << true;
+        QTest::newRow("disconnect, shown") << 2 << true;
     }
     void testNoPinCopyOutlivesItsUse()
     {
@@ -218,32 +197,43 @@ private slots:
 #endif
         if (pinCopies(pid) < 0)
             QSKIP("cannot read the server's memory (it is not dumpable: run as root)");
-        QVERIFY(conn = openSession());
-        QCOMPARE(zrui_pin_show(conn, 0), int(ZRUI_OK));
-        const QString shownLine = QStringLiteral("PIN field shown in clear: true");
+        QVERIFY(openSession() && zrui_pin_show(conn, 0) == ZRUI_OK);
+        const QString title("Verify USBKey password"), shownLine("PIN field shown in clear: true");
         const int timesShown = LogFile::countExact(shownLine);
-        QVERIFY(press("Verify USBKey password", Pin, true));
+        QVERIFY(press(title, Pin, true));
         QTRY_VERIFY(pinCopies(pid) >= 1); // the field's own: the scan sees a PIN that is there
         const qint64 masked = pinCopies(pid);
         // The show toggle's key, then the cursor moved within the shown PIN.
-        QVERIFY(!shown || press("Verify USBKey password", "ctrl+shift+h Left Left End"));
+        QVERIFY(!shown || press(title, "ctrl+shift+h Left Left End"));
         QVERIFY(LogFile::waitForCount(shownLine, timesShown + int(shown)));
         QCOMPARE(pinCopies(pid), masked); // showing it makes no copy
-        QVERIFY(press("Verify USBKey password", "Return"));
-        for (int ask = 0; ask < 2; ++ask) { // asked for again while the state allows it
-            zrui_pin_result pin;
-            QCOMPARE(zrui_pin_wait(conn, 15000, 50, &pin), int(ZRUI_OK));
-            QCOMPARE(QByteArray(pin.oldPin, int(pin.oldLen)), QByteArray(Pin));
-            zrui_pin_result_wipe(&pin);
-        }
-        QVERIFY(pinCopies(pid) >= 1); // the hand-off buffer
-        if (end == 0)
-            QCOMPARE(zrui_pin_finish(conn), int(ZRUI_OK));
-        else if (end == 1)
-            QCOMPARE(zrui_end_session(conn), int(ZRUI_OK));
-        else
+        QVERIFY(press(title, "Return"));
+        zrui_pin_result pin;
+        QCOMPARE(zrui_pin_wait(conn, 15000, 50, &pin), int(ZRUI_OK));
+        QCOMPARE(QByteArray(pin.oldPin, int(pin.oldLen)), QByteArray(Pin));
+        zrui_pin_result_wipe(&pin);
+        QVERIFY(end == 2 || (end ? zrui_end_session(conn) : zrui_pin_finish(conn)) == ZRUI_OK);
+        if (end == 2)
             zrui_close(conn), conn = nullptr;
         QTRY_COMPARE_WITH_TIMEOUT(pinCopies(pid), qint64(0), 10000);
+    }
+
+    // A screen reader reads roles and names, and the typed PIN in no accessible text.
+    void testScreenReaderView()
+    {
+        QVERIFY(openSession() && zrui_pin_show(conn, 2) == ZRUI_OK); // change: three fields
+        // The PIN into the old PIN field (it has the focus) and, after a Tab, the next.
+        QVERIFY(press("Change USBKey password", "Kp4Zw9Xq", true) && XDoTool::key("Tab")
+                && XDoTool::type("Kp4Zw9Xq"));
+        QProcess reader;
+        reader.start("/usr/bin/python3", {"-c", Script, server.appName()});
+        QVERIFY(reader.waitForFinished(40000) && reader.exitCode() == 0);
+        const QString tree = "\n" + reader.readAllStandardOutput();
+        for (const char *line :
+             {"dialog|Change USBKey password|", "password text|Old PIN:|",
+              "password text|New PIN:|", "password text|Confirm PIN:|", "push button|OK|"})
+            QVERIFY2(tree.contains("\n" + QString(line)), line);
+        QVERIFY(!tree.contains("Kp4Z")); // nor the PIN's start
     }
 };
 

@@ -7,8 +7,8 @@
 
 bool XDoTool::available()
 {
-    return !QStandardPaths::findExecutable(QStringLiteral("xdotool")).isEmpty()
-           && !qEnvironmentVariableIsEmpty("DISPLAY");
+    return !QStandardPaths::findExecutable("xdotool").isEmpty()
+           && qEnvironmentVariableIsSet("DISPLAY");
 }
 
 bool XDoTool::run(const QStringList &args, QByteArray *output, QDeadlineTimer deadline)
@@ -21,27 +21,26 @@ bool XDoTool::run(const QStringList &args, QByteArray *output, QDeadlineTimer de
     return done && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
 }
 
-// Matching windows, id -> title (a null title: all of the process's).
+// Matching windows, id -> title (a null title: all of the process's); none is no error.
 static QMap<QString, QString> search(const QString &title, qint64 pid, bool all = false)
 {
-    QByteArray out; // nothing found is an exit status 1, not an error
-    XDoTool::run(QStringList{"search", all ? "--any" : "--onlyvisible"}
-                         + (pid ? QStringList{"--pid", QString::number(pid)}
-                                : QStringList{"--name", "^" + title + "$"}),
-                 &out);
+    const QStringList by = pid ? QStringList{"--pid", QString::number(pid)}
+                               : QStringList{"--name", "^" + title + "$"};
+    QByteArray out;
+    XDoTool::run(QStringList{"search", all ? "--any" : "--onlyvisible"} + by, &out);
     QMap<QString, QString> found;
-    for (const QByteArray &id : out.split('\n')) {
-        const QString name = id.isEmpty() ? QString() : XDoTool::windowName(id);
-        if (!id.isEmpty() && (!pid || title.isNull() || name == title))
-            found.insert(QString::fromLatin1(id), name);
+    for (const QString &id : QString::fromLatin1(out).split('\n', Qt::SkipEmptyParts)) {
+        const QString name = XDoTool::windowName(id);
+        if (!pid || title.isNull() || name == title)
+            found.insert(id, name);
     }
     return found;
 }
 
+// The last window found, or any text once none is left as asked; empty on time-out.
 static QString waitFor(const QString &title, int timeoutMs, qint64 pid, bool present)
 {
-    const QDeadlineTimer deadline(timeoutMs);
-    for (; !deadline.hasExpired(); QThread::msleep(50)) {
+    for (const QDeadlineTimer deadline(timeoutMs); !deadline.hasExpired(); QThread::msleep(50)) {
         const QStringList ids = search(title, pid).keys();
         if (ids.isEmpty() != present)
             return present ? ids.last() : QStringLiteral("none");
