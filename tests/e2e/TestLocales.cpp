@@ -14,49 +14,35 @@
 #include <QtTest>
 
 namespace {
-// Characters that neither the font nor any fallback draws.
-QString missingGlyphs(const QString &text, const QFont &font)
-{
-    QString missing;
-    for (const uint c : text.toUcs4()) {
-        if (c > ' ' && !QFontMetrics(font).inFontUcs4(c))
-            missing += QString::fromUcs4(&c, 1);
-    }
-    return missing;
-}
-
-// Text widgets outside the window, smaller than their text, overlapping each
-// other, or with characters no font draws.
+// Shown text widgets outside the window, smaller than their text, overlapping
+// each other, or with characters that neither their font nor a fallback draws.
 QStringList layoutProblems(QWidget *window)
 {
     QStringList problems;
-    QList<QWidget *> shown;
-    for (QWidget *w : window->findChildren<QWidget *>()) { // parents before children
+    QList<QRect> taken;
+    for (QWidget *w : window->findChildren<QWidget *>()) {
         auto *label = qobject_cast<QLabel *>(w);
         auto *button = qobject_cast<QAbstractButton *>(w);
         // A line edit sizes its own icon buttons (the show/hide toggle).
-        if (!w->isVisibleTo(window) || qobject_cast<QLineEdit *>(w->parentWidget())
+        if (!w->isVisibleTo(window) || w->parentWidget()->inherits("QLineEdit")
             || !(label || button || w->inherits("QLineEdit") || w->inherits("QComboBox")))
             continue;
-        QString text = label ? label->text() : button ? button->text() : QString();
+        QString text = label ? label->text() : button ? button->text() : QString(), missing;
         text = Qt::mightBeRichText(text) ? QTextDocumentFragment::fromHtml(text).toPlainText()
                                          : text;
-        const QString name = w->objectName() + " \"" + text + "\"";
+        for (const uint c : text.toUcs4())
+            missing += c > ' ' && !QFontMetrics(w->font()).inFontUcs4(c) ? QString::fromUcs4(&c, 1)
+                                                                         : "";
         const QRect rect(w->mapTo(window, QPoint()), w->size());
-        for (QWidget *other : shown) {
-            if (!other->isAncestorOf(w)
-                && rect.intersects(QRect(other->mapTo(window, QPoint()), other->size())))
-                problems << name + " overlaps " + other->objectName();
-        }
-        shown << w;
         const QSize needed = label && label->wordWrap()
                                      ? QSize(0, label->heightForWidth(w->width()))
                                      : w->sizeHint();
-        if (!window->rect().contains(rect)
+        if (!window->rect().contains(rect) || !missing.isEmpty()
+            || std::any_of(taken.cbegin(), taken.cend(),
+                           [&](const QRect &r) { return r.intersects(rect); })
             || (!text.isEmpty() && (w->width() < needed.width() || w->height() < needed.height())))
-            problems << name + " clipped or outside";
-        if (!missingGlyphs(text, w->font()).isEmpty())
-            problems << name + " has no glyph for " + missingGlyphs(text, w->font());
+            problems << w->objectName() + " \"" + text + "\" " + missing;
+        taken << rect;
     }
     return problems;
 }
@@ -71,13 +57,11 @@ class TestLocales : public QObject
 private slots:
     void initTestCase()
     {
-        if (!XDoTool::available())
-            QSKIP("needs xdotool and an X display (run under xvfb-run)");
         scale = float(QApplication::desktop()->logicalDpiX()) / 96.0f;
         QCOMPARE(scale, qEnvironmentVariable("ZRUI_EXPECT_SCALE").toFloat());
         QVERIFY(QResource::registerResource(qEnvironmentVariable("ZRUI_BIN_DIR")
                                             + "/resources.rcc"));
-        QCOMPARE(missingGlyphs(QChar(0x0378), QFont()).size(), 1); // unassigned: the check can fail
+        QVERIFY(!QFontMetrics(QFont()).inFontUcs4(0x0378)); // unassigned: the glyph check can fail
     }
     void cleanup() { QCoreApplication::removeTranslator(translator.get()); }
 
@@ -95,8 +79,7 @@ private slots:
         zrui_set_timeout(conn, 10000); // a stalled server fails fast
         QVERIFY(zrui_begin_session(conn, 0) == ZRUI_OK && zrui_pin_show(conn, 1) == ZRUI_OK);
         const qint64 pid = server.process().processId();
-        QVERIFY2(!XDoTool::waitForWindow("驗證USBKey管理員密碼", 15000, pid).isEmpty(),
-                 qPrintable(XDoTool::titles(pid).join(" / ")));
+        QVERIFY(!XDoTool::waitForWindow("驗證USBKey管理員密碼", 15000, pid).isEmpty());
     }
 
     // Rows "language kind type", column: a hint (pin; "keyboard" opens it instead),

@@ -9,8 +9,7 @@ bool available();
 // xdotool with these arguments, within the deadline; true on exit status 0.
 bool run(const QStringList &args, QByteArray *output = nullptr,
          QDeadlineTimer deadline = QDeadlineTimer(10000));
-// A visible window with this title (a regular expression unless pid is given,
-// then the exact title a window manager shows, of that process's windows).
+// A visible window titled so (a regular expression; exact, as shown, among pid's).
 QString waitForWindow(const QString &title, int timeoutMs = 15000, qint64 pid = 0);
 bool waitForNoWindow(const QString &title, int timeoutMs = 15000, qint64 pid = 0);
 // Titles of the process's windows, hidden ones too when `all`.
