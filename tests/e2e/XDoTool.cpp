@@ -3,7 +3,7 @@
 #include <QMap>
 #include <QProcess>
 #include <QStandardPaths>
-#include <QThread>
+#include <QTest>
 
 bool XDoTool::available()
 {
@@ -37,25 +37,17 @@ static QMap<QString, QString> search(const QString &title, qint64 pid, bool all 
     return found;
 }
 
-// The last window found, or any text once none is left as asked; empty on time-out.
-static QString waitFor(const QString &title, int timeoutMs, qint64 pid, bool present)
-{
-    for (const QDeadlineTimer deadline(timeoutMs); !deadline.hasExpired(); QThread::msleep(50)) {
-        const QStringList ids = search(title, pid).keys();
-        if (ids.isEmpty() != present)
-            return present ? ids.last() : QStringLiteral("none");
-    }
-    return QString();
-}
-
 QString XDoTool::waitForWindow(const QString &title, int timeoutMs, qint64 pid)
 {
-    return waitFor(title, timeoutMs, pid, true);
+    QStringList ids;
+    return QTest::qWaitFor([&] { return !(ids = search(title, pid).keys()).isEmpty(); }, timeoutMs)
+                   ? ids.last()
+                   : QString();
 }
 
 bool XDoTool::waitForNoWindow(const QString &title, int timeoutMs, qint64 pid)
 {
-    return !waitFor(title, timeoutMs, pid, false).isEmpty();
+    return QTest::qWaitFor([&] { return search(title, pid).isEmpty(); }, timeoutMs);
 }
 
 QStringList XDoTool::titles(qint64 pid, bool all) { return search(QString(), pid, all).values(); }
