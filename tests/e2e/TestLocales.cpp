@@ -39,7 +39,7 @@ QStringList layoutProblems(QWidget *window)
                                      : w->sizeHint();
         if (!window->rect().contains(rect) || !missing.isEmpty()
             || std::any_of(taken.cbegin(), taken.cend(),
-                           [&](const QRect &r) { return r.intersects(rect); })
+                           [&](QRect r) { return r.intersects(rect); })
             || (!text.isEmpty() && (w->width() < needed.width() || w->height() < needed.height())))
             problems << w->objectName() + " \"" + text + "\" " + missing;
         taken << rect;
@@ -75,8 +75,6 @@ private slots:
         QVERIFY2(server.start() && server.waitForListening(), server.output().constData());
         zrui_conn *conn = nullptr;
         QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &conn), int(ZRUI_OK));
-        auto closer = qScopeGuard([&conn] { zrui_close(conn); });
-        zrui_set_timeout(conn, 10000); // a stalled server fails fast
         QVERIFY(zrui_begin_session(conn, 0) == ZRUI_OK && zrui_pin_show(conn, 1) == ZRUI_OK);
         const qint64 pid = server.process().processId();
         QVERIFY(!XDoTool::waitForWindow("驗證USBKey管理員密碼", 15000, pid).isEmpty());

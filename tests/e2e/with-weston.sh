@@ -4,10 +4,7 @@
 d=$(mktemp -d) || exit 1
 export XDG_RUNTIME_DIR="$d" WAYLAND_DISPLAY=wayland-zrui QT_QPA_PLATFORM=wayland
 weston --backend=headless-backend.so --socket=wayland-zrui --idle-time=0 >"$d/weston.log" 2>&1 &
-weston=$!
+trap 'kill $!; rm -rf "$d"' EXIT
 for _ in $(seq 200); do [ -S "$d/wayland-zrui" ] && break; sleep 0.05; done
-if [ -S "$d/wayland-zrui" ]; then "$@"; rc=$?; else cat "$d/weston.log" >&2; rc=1; fi
-kill $weston
-wait $weston 2>/dev/null
-rm -rf "$d"
-exit $rc
+[ -S "$d/wayland-zrui" ] || { cat "$d/weston.log" >&2; exit 1; }
+"$@"
