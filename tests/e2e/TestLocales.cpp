@@ -59,8 +59,7 @@ private slots:
     {
         scale = float(QApplication::desktop()->logicalDpiX()) / 96.0f;
         QCOMPARE(scale, qEnvironmentVariable("ZRUI_EXPECT_SCALE").toFloat());
-        QVERIFY(QResource::registerResource(qEnvironmentVariable("ZRUI_BIN_DIR")
-                                            + "/resources.rcc"));
+        QVERIFY(QResource::registerResource(qgetenv("ZRUI_BIN_DIR") + "/resources.rcc"));
         QVERIFY(!QFontMetrics(QFont()).inFontUcs4(0x0378)); // unassigned: the glyph check can fail
     }
     void cleanup() { QCoreApplication::removeTranslator(translator.get()); }
@@ -70,18 +69,16 @@ private slots:
     {
         ServerLauncher server;
         server.setPlatform(QString()); // the X server of xvfb-run
-        server.setEnv("LANG", "zh_HK.UTF-8");
         server.setEnv("LC_ALL", "zh_HK.UTF-8");
         QVERIFY2(server.start() && server.waitForListening(), server.output().constData());
         zrui_conn *conn = nullptr;
         QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &conn), int(ZRUI_OK));
         QVERIFY(zrui_begin_session(conn, 0) == ZRUI_OK && zrui_pin_show(conn, 1) == ZRUI_OK);
-        const qint64 pid = server.process().processId();
-        QVERIFY(!XDoTool::waitForWindow("驗證USBKey管理員密碼", 15000, pid).isEmpty());
+        QVERIFY(!XDoTool::waitForWindow("驗證USBKey管理員密碼", 15000, server.process().processId())
+                         .isEmpty());
     }
 
-    // Rows "language kind type", column: a hint (pin; "keyboard" opens it instead),
-    // "title|text" (message) or the information (waiting).
+    // Rows "language kind type"; arg: a hint or "keyboard" (pin), "title|text", the info.
     void testDialogTextsFit_data()
     {
         QTest::addColumn<QString>("arg");

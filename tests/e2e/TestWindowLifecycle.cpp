@@ -71,8 +71,7 @@ class TestWindowLifecycle : public QObject
 
     zrui_conn *openSession()
     {
-        zrui_close(conn);
-        conn = nullptr;
+        zrui_close(std::exchange(conn, nullptr));
         zrui_open(server.appName().toUtf8().constData(), &conn);
         zrui_set_timeout(conn, 10000); // a stalled server fails fast instead of waiting on a box
         return zrui_begin_session(conn, 0) == ZRUI_OK ? conn : nullptr;
@@ -149,8 +148,7 @@ private slots:
                            : kind == "list" ? zrui_list_wait(c, 15000, 50, &index)
                                             : zrui_waiting_finish(c);
         QCOMPARE(result, answer);
-        zrui_close(conn);
-        conn = nullptr; // no window outlives its connection, hidden ones neither
+        zrui_close(std::exchange(conn, nullptr)); // no window outlives it, hidden ones neither
         QTRY_VERIFY_WITH_TIMEOUT(!XDoTool::titles(pid, true).contains(title), 10000);
         QVERIFY(openSession()); // the process is still there and serves the next client
     }
@@ -199,10 +197,9 @@ private slots:
         QCOMPARE(zrui_pin_wait(conn, 15000, 50, &pin), int(ZRUI_OK));
         QCOMPARE(QByteArray(pin.oldPin, int(pin.oldLen)), QByteArray(Pin));
         zrui_pin_result_wipe(&pin);
-        if (end == 2)
-            zrui_close(conn), conn = nullptr;
-        else
+        if (end < 2)
             QCOMPARE(end ? zrui_end_session(conn) : zrui_pin_finish(conn), int(ZRUI_OK));
+        zrui_close(end == 2 ? std::exchange(conn, nullptr) : nullptr); // or a disconnect
         QTRY_COMPARE_WITH_TIMEOUT(pinCopies(pid), qint64(0), 10000);
     }
 };

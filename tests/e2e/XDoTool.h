@@ -1,6 +1,5 @@
 #pragma once
-// A person in a real X server, through xdotool: finds windows by title
-// (waiting with a deadline), focuses them and types; keys go through XTEST.
+// A person in a real X server, through xdotool (keys go through XTEST).
 #include <QDeadlineTimer>
 #include <QStringList>
 

@@ -1,6 +1,5 @@
 #!/bin/sh
-# Runs a command against a headless weston of its own (private runtime
-# directory, Wayland socket waited for 10 s at most), then stops it.
+# Runs a command against a headless weston of its own, in a private runtime directory.
 d=$(mktemp -d) || exit 1
 export XDG_RUNTIME_DIR="$d" WAYLAND_DISPLAY=wayland-zrui QT_QPA_PLATFORM=wayland
 weston --backend=headless-backend.so --socket=wayland-zrui --idle-time=0 >"$d/weston.log" 2>&1 &
