@@ -24,6 +24,7 @@
 #include <QMouseEvent>
 #include <QRegExp>
 #include <QRegularExpression>
+#include <QRegularExpressionValidator>
 #include <QScreen>
 #include <QTimer>
 #include <QToolTip>
@@ -96,14 +97,6 @@ void wipeUnlessHeld(QString &s, const QLineEdit *edit)
         s = QString();
     else
         wipeShared(s);
-}
-
-// Puts `kept` in the edit and wipes the refused text it held until now.
-void replaceRefused(QLineEdit *edit, const QString &text, const QString &kept)
-{
-    QString refused = text;
-    edit->setText(kept);
-    wipeUnlessHeld(refused, edit);
 }
 
 // WCAG relative luminance and contrast ratio.
@@ -323,12 +316,16 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
         pinMinLen = static_cast<unsigned int>(handler->GetPINMinLen());
         pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
     }
+    static const QRegularExpression simpleKeys(QStringLiteral("[a-zA-Z0-9]*"));
     for (QLineEdit *edit : edits) {
         DialogAccessibility::markPinField(edit);
         edit->setMaxLength(static_cast<int>(pinMaxLen));
         edit->setContextMenuPolicy(Qt::NoContextMenu);
         // Nothing may be dropped into a PIN field.
         edit->setAcceptDrops(false);
+        // A refused key never enters the text, so no string holding it is left behind.
+        if (keyBoardMode == SimpleKeyBoard && edit != ui->lineEdit_oldPin)
+            edit->setValidator(new QRegularExpressionValidator(simpleKeys, edit));
     }
 
     for (QLineEdit *edit : edits)
@@ -703,7 +700,7 @@ void PINDialog::on_lineEdit_newPin_textChanged(const QString &text)
 {
     const QString kept = filteredText(text);
     if (kept.size() != text.size())
-        replaceRefused(ui->lineEdit_newPin, text, kept);
+        ui->lineEdit_newPin->setText(kept);
     if (kept.isEmpty())
         return;
 
@@ -732,7 +729,7 @@ void PINDialog::on_lineEdit_confirmPin_textChanged(const QString &text)
 {
     const QString kept = filteredText(text);
     if (kept.size() != text.size())
-        replaceRefused(ui->lineEdit_confirmPin, text, kept);
+        ui->lineEdit_confirmPin->setText(kept);
 }
 
 /**
