@@ -7,7 +7,6 @@
 #include <QtTest>
 
 #include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -39,8 +38,6 @@ private slots:
     void cleanupTestCase() { LogFile::clear(); }
     void initTestCase() { qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path())); }
     void testLines();
-    void testThreads();
-    void testRefusedFileFallsBack_data();
     void testRefusedFileFallsBack();
     void testRotation();
 
@@ -78,63 +75,33 @@ void TestLogSink::testLines()
     QVERIFY(stat(ZRUI_LOG_PATH, &st) == 0 && (st.st_mode & 07777) == 0600 && st.st_uid == getuid());
 }
 
-// Lines of two threads never interleave (long lines make it likely if the lock failed); a
-// muted thread's lines are dropped, the others' kept.
-void TestLogSink::testThreads()
-{
-    auto text = [](char tag, int i) { return QString::number(i) + QString(300, QChar(tag)); };
-    auto writer = [&](char tag) {
-        for (int i = 0; i < 400; ++i)
-            log(text(tag, i));
-    };
-    setThreadLogMuted(true);
-    std::thread a(writer, 'A'), b(writer, 'B');
-    log("muted");
-    a.join();
-    b.join();
-    setThreadLogMuted(false);
-    QStringList expected, got = LogFile::messages();
-    for (int i = 0; i < 400; ++i)
-        expected << text('A', i) << text('B', i);
-    expected.sort();
-    got.sort();
-    QCOMPARE(got, expected);
-}
-
 // Whatever stands at /tmp/uilog.txt that is not this user's own single-named regular file is
 // not written, nor anything through it: the line goes to $XDG_RUNTIME_DIR/uilog.txt (0600).
-void TestLogSink::testRefusedFileFallsBack_data()
-{
-    QTest::addColumn<QString>("planted");
-    for (const char *what : {"fifo", "hard link", "symlink", "dangling symlink", "foreign"})
-        QTest::newRow(what) << what;
-}
-
 void TestLogSink::testRefusedFileFallsBack()
 {
-    QFETCH(QString, planted);
-    if (planted == "foreign" && geteuid() != 0)
-        QSKIP("a file of another uid needs root to create");
     QTemporaryDir scratch;
     const QByteArray own = QFile::encodeName(scratch.filePath("own")),
                      created = QFile::encodeName(scratch.filePath("created"));
-    QVERIFY(put(own, "theirs\n"));
-    QVERIFY(planted == "fifo"        ? mkfifo(ZRUI_LOG_PATH, 0666) == 0
-            : planted == "hard link" ? link(own, ZRUI_LOG_PATH) == 0
-            : planted == "symlink"   ? symlink(own, ZRUI_LOG_PATH) == 0
-            : planted == "dangling symlink"
-                    ? symlink(created, ZRUI_LOG_PATH) == 0
-                    : put(LogFile::path(), "theirs\n") && chmod(ZRUI_LOG_PATH, 0666) == 0
-                              && chown(ZRUI_LOG_PATH, 65534, 65534) == 0);
     const QString fallback = runtimeDir.filePath("uilog.txt");
-    QFile::remove(fallback);
-    log("refused primary");
-    QVERIFY(bytesOf(fallback).endsWith("] refused primary\n"));
-    QCOMPARE(QFile::permissions(fallback) & 0x0777, QFile::Permissions(0x0600));
-    QCOMPARE(bytesOf(own), QByteArray("theirs\n"));
-    QVERIFY(planted != "foreign" || bytesOf() == "theirs\n");
-    QVERIFY(!QFile::exists(created));
-    QCOMPARE(unlink(ZRUI_LOG_PATH), 0);
+    for (const QString planted : {"fifo", "hard link", "symlink", "dangling symlink", "foreign"}) {
+        if (planted == "foreign" && geteuid() != 0)
+            QSKIP("a file of another uid needs root to create");
+        QVERIFY(put(own, "theirs\n"));
+        QVERIFY(planted == "fifo"        ? mkfifo(ZRUI_LOG_PATH, 0666) == 0
+                : planted == "hard link" ? link(own, ZRUI_LOG_PATH) == 0
+                : planted == "symlink"   ? symlink(own, ZRUI_LOG_PATH) == 0
+                : planted == "dangling symlink"
+                        ? symlink(created, ZRUI_LOG_PATH) == 0
+                        : put(LogFile::path(), "theirs\n") && chmod(ZRUI_LOG_PATH, 0666) == 0
+                                  && chown(ZRUI_LOG_PATH, 65534, 65534) == 0);
+        QFile::remove(fallback);
+        log("refused primary");
+        QVERIFY2(bytesOf(fallback).endsWith("] refused primary\n"), qPrintable(planted));
+        QCOMPARE(QFile::permissions(fallback) & 0x0777, QFile::Permissions(0x0600));
+        QVERIFY(bytesOf(own) == "theirs\n" && !QFile::exists(created));
+        QVERIFY(planted != "foreign" || bytesOf() == "theirs\n");
+        QCOMPARE(unlink(ZRUI_LOG_PATH), 0);
+    }
 }
 
 // From 16 MiB on, the file becomes uilog.txt.1 (replacing an older one) before the next line.
