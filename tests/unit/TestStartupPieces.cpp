@@ -1,0 +1,326 @@
+// Start-up pieces in the test process: the token library loaders, the INI reader, the
+// signature check through the stand-in algorithm library, the log sink on the real
+// /tmp/uilog.txt (ctest lock "uilog"), and the GIF writer that draws the waiting animation.
+#include "GifEncoder.h"
+#include "LogFile.h"
+#include "app/FileIntegrity.h"
+#include "app/IniReader.h"
+#include "app/LogSink.h"
+#include "app/TokenLibs.h"
+
+#include <QBuffer>
+#include <QDateTime>
+#include <QImageReader>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern PFN_ZR_Unused ZRA_GetAsymKeyBits; // the last two of the algorithm library's list
+extern PFN_ZR_Unused ZRA_DecodeX509Cert;
+
+namespace {
+
+QByteArray readAll(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool writeAll(const QString &path, const QByteArray &data)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(data) == data.size();
+}
+
+QByteArray iniWith(const QByteArray &key, const QByteArray &value, const QByteArray &eol = "\n")
+{
+    return "[Kestrova 5.1]" + eol + key + "=" + value + eol;
+}
+
+bool isMapped(const QByteArray &path)
+{
+    void *h = dlopen(path.constData(), RTLD_LAZY | RTLD_NOLOAD);
+    return h && dlclose(h) == 0;
+}
+
+void log(const QString &message, QtMsgType type = QtDebugMsg)
+{
+    printlogtofile(type, QMessageLogContext("file.cpp", 42, "function", "category"), message);
+}
+
+} // namespace
+
+class TestStartupPieces : public QObject
+{
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void cleanupTestCase() { LogFile::clear(); }
+    void testTokenLibs();
+    void testIniLookup();
+    void testVerify();
+    void testRefusals();
+    void testLogLines();
+    void testLogRefusedFileFallsBack();
+    void testLogRotation();
+    void testGifRoundTrip();
+
+private:
+    QTemporaryDir tmp, runtimeDir;
+    const QString binDir = qEnvironmentVariable("ZRUI_BIN_DIR");
+    QByteArray libDir = qgetenv("ZRUI_TOKENSIM_DIR"), rcc, signatureHex;
+};
+
+void TestStartupPieces::initTestCase()
+{
+    rcc = readAll(binDir + "/resources.rcc");
+    QVERIFY(tmp.isValid() && !rcc.isEmpty() && LogFile::clear());
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path()));
+    const auto m = QRegularExpression("\nresources.rcc_Sign=(\\w+)\n")
+                           .match(QString::fromLatin1(readAll(binDir + "/integrityprotect.ini")));
+    signatureHex = m.captured(1).toLatin1();
+    QCOMPARE(signatureHex.size(), 512);
+}
+
+// Runs first, before anything bound the algorithm library in this process.
+void TestStartupPieces::testTokenLibs()
+{
+    QByteArray variant = QFile::encodeName(QFileInfo(binDir).absolutePath()
+                                           + "/tokenlib-variants/no-last-alg/");
+    QVERIFY(!ZRA_DecodeX509Cert);
+    // Binding stops at the missing last name; the names before stay bound, the library open.
+    QCOMPARE(LoadLib_Alg(0, variant.data()), 0);
+    QVERIFY(ZRA_ReverseData && ZRA_GetAsymKeyBits && !ZRA_DecodeX509Cert);
+    QVERIFY(isMapped(variant + "libzralg.so"));
+    FreeLib_Alg();
+    QVERIFY(!isMapped(variant + "libzralg.so"));
+    // The directory is used as given: it needs its "/" and must fit 256 bytes, never cut.
+    for (QByteArray dir :
+         {libDir.chopped(1), QByteArray("/nonexistent/"), libDir + QByteArray(300, '/'), libDir}) {
+        const int expected = dir == libDir;
+        QCOMPARE(LoadLib_ZRKAPI(0, dir.data()) + LoadLib_Alg(0, dir.data())
+                         + LoadLib_Aux(0, dir.data()),
+                 3 * expected);
+        if (!expected)
+            FreeLib_ZRKAPI(), FreeLib_Alg(), FreeLib_Aux();
+    }
+    QVERIFY(ZRA_DecodeX509Cert && AuxLoadKestrovaIni(0));
+    FreeLib_Aux();
+    QCOMPARE(FreeLib_ZRKAPI(), 0);
+    QVERIFY(!isMapped(libDir + "libaux.so") && !isMapped(libDir + "libzrkapi.so"));
+    QVERIFY(isMapped(libDir + "libzralg.so")); // kept for the signature checks
+}
+
+// Kept on purpose: the signature files are written for exactly this reader's quirks.
+void TestStartupPieces::testIniLookup()
+{
+    const QByteArray x(1021, 'x');
+    // The file (none when null) and the value of k in [S].
+    const QList<QPair<QByteArray, QByteArray>> rows = {{"[S]\r\nk=v\r\n", "v"},
+                                                       {"[S]\nk=v", ""},
+                                                       {"[S]\n#k=1\nk=2\n", "2"},
+                                                       {"[S]\n//k=1\nk=2\n", "2"},
+                                                       {"[S]\n/k=kept\n", "kept"},
+                                                       {"[S]\no=has k\n", "has k"},
+                                                       {"[S]\nk = a=b \n", " a=b "},
+                                                       {"[S]\n[T]\nk=T\n", "T"},
+                                                       {"k=1\n[S]\nk=2\n", "2"},
+                                                       {"[S] x\nk=v\n", "v"},
+                                                       {" [S]\n[Sx]\nk=v\n", ""},
+                                                       {"[(null)]\nk=v\n", ""},
+                                                       {QByteArray(), ""},
+                                                       {"[S]\nk=" + x + "\n", x},
+                                                       {"[S]\nk=" + x + "x\nk=v\n", "v"}};
+    for (const auto &row : rows) {
+        QByteArray path = QFile::encodeName(tmp.filePath("ini"));
+        QVERIFY(QFile::remove(path) || !QFile::exists(path));
+        QVERIFY(row.first.isNull() || writeAll(path, row.first));
+        char section[] = "S", key[] = "k";
+        QCOMPARE(QByteArray(GetIniKeyString(section, key, path.data())), row.second);
+        QCOMPARE(QByteArray(GetIniKeyString(nullptr, key, path.data())), QByteArray());
+    }
+}
+
+// Tampered file, bad or unreversed signature, missing file or key: 0. Lower-case hex and
+// CR LF verify; a "ZRUIServer..." name is looked up under the executable's key.
+void TestStartupPieces::testVerify()
+{
+    const QByteArray k("resources.rcc_Sign"), n("resources.rcc"), sig = signatureHex;
+    const QByteArray exe("ZRUIServerX"), exeKey("ZRUIServer.exe_Sign");
+    QByteArray changed = rcc, digit = sig, reversed = QByteArray::fromHex(sig);
+    changed[rcc.size() / 2] = char(changed.at(rcc.size() / 2) ^ 1);
+    digit[100] = digit.at(100) == '0' ? '1' : '0';
+    std::reverse(reversed.begin(), reversed.end());
+    const struct
+    {
+        QByteArray name, content, ini; // content null: no such file
+        int expected;
+    } rows[] = {{n, rcc, iniWith(k, sig), 1},
+                {n, rcc, iniWith(k, sig.toLower()), 1},
+                {n, rcc, iniWith(k, sig, "\r\n"), 1},
+                {n, rcc, iniWith("#" + k, sig), 0},
+                {n, changed, iniWith(k, sig), 0},
+                {n, rcc, iniWith(k, digit), 0},
+                {n, rcc, iniWith(k, reversed.toHex()), 0},
+                {n, QByteArray(), iniWith(k, sig), 0},
+                {exe, rcc, iniWith(exeKey, sig), 1},
+                {exe, rcc, iniWith(exe + "_Sign", sig), 0}};
+    for (const auto &r : rows) {
+        QTemporaryDir dir;
+        QVERIFY(writeAll(dir.filePath("integrityprotect.ini"), r.ini));
+        QVERIFY(r.content.isNull() || writeAll(dir.filePath(r.name), r.content));
+        QByteArray d = QFile::encodeName(dir.path() + "/"), name = r.name;
+        QCOMPARE(FileIntegrityProtect(d.data(), name.data()), r.expected);
+        d.chop(1); // without "/" the names are glued
+        QCOMPARE(FileIntegrityProtect(d.data(), name.data()), 0);
+    }
+}
+
+// Null arguments are refused (a null directory is not printed as "(null)"), and a path that
+// does not fit the 256-byte buffer is refused, never cut to a name that exists.
+void TestStartupPieces::testRefusals()
+{
+    QDir::setCurrent(tmp.path());
+    char name[] = "resources.rcc", nullDir[] = "(null)", file[] = "(null)resources.rcc";
+    QVERIFY(writeAll("(null)resources.rcc", rcc));
+    QVERIFY(writeAll("(null)integrityprotect.ini", iniWith("resources.rcc_Sign", signatureHex)));
+    QCOMPARE(FileIntegrityProtect(nullDir, name), 1);
+    QCOMPARE(FileIntegrityProtect(nullptr, name), 0);
+    unsigned char hex[] = "00";
+    QVERIFY(!ReadFileContent(file, nullptr, nullptr) && !StringToBin(nullptr, hex, 2));
+    QByteArray d = QFile::encodeName(tmp.path() + "/");
+    for (int len : {255, 256}) {
+        QByteArray n(len - d.size(), 'n');
+        QVERIFY(writeAll(tmp.filePath(n.chopped(1)), rcc) && writeAll(tmp.filePath(n), rcc));
+        QVERIFY(writeAll("integrityprotect.ini", iniWith(n + "_Sign", signatureHex)));
+        QCOMPARE(FileIntegrityProtect(d.data(), n.data()), int(len == 255));
+    }
+}
+
+// "[yyyy-MM-dd HH:mm:ss zzz] text" in local time and UTF-8 for every message type, appended;
+// a deleted file is created again, 0600 in the open call even under an empty umask.
+void TestStartupPieces::testLogLines()
+{
+    QVERIFY(writeAll(LogFile::path(), "existing line\n"));
+    const QStringList texts = {R"(trans file= ":/uiserver.en.qm")", "请输入PIN码 ü €", ""};
+    const QDateTime before = QDateTime::currentDateTime().addMSecs(-1);
+    log(texts[0], QtWarningMsg);
+    log(texts[1], QtFatalMsg);
+    log(texts[2]);
+    const QDateTime after = QDateTime::currentDateTime().addMSecs(1);
+    const QStringList lines = QString::fromUtf8(readAll(LogFile::path())).split('\n');
+    QCOMPARE(lines.size(), 5);
+    QCOMPARE(lines.at(0), QStringLiteral("existing line"));
+    for (int i = 0; i < 3; ++i) {
+        const QString line = lines.at(i + 1);
+        const QDateTime t = QDateTime::fromString(line.mid(1, 23), "yyyy-MM-dd HH:mm:ss zzz");
+        QVERIFY2(line.startsWith('[') && line.mid(24, 2) == "] " && t >= before && t <= after,
+                 qPrintable(line));
+        QCOMPARE(line.mid(26), texts.at(i));
+    }
+    QVERIFY(QFile::remove(LogFile::path()));
+    const mode_t savedMask = umask(0);
+    log("after deletion");
+    umask(savedMask);
+    QCOMPARE(LogFile::messages(), QStringList{"after deletion"});
+    struct stat st;
+    QVERIFY(stat(ZRUI_LOG_PATH, &st) == 0 && (st.st_mode & 07777) == 0600 && st.st_uid == getuid());
+}
+
+// Whatever stands at /tmp/uilog.txt that is not this user's own single-named regular file is
+// not written, nor anything through it: the line goes to $XDG_RUNTIME_DIR/uilog.txt (0600).
+void TestStartupPieces::testLogRefusedFileFallsBack()
+{
+    QVERIFY(LogFile::clear());
+    QTemporaryDir scratch;
+    const QByteArray own = QFile::encodeName(scratch.filePath("own")),
+                     created = QFile::encodeName(scratch.filePath("created"));
+    const QString fallback = runtimeDir.filePath("uilog.txt");
+    for (const QString planted : {"fifo", "hard link", "symlink", "dangling symlink", "foreign"}) {
+        if (planted == "foreign" && geteuid() != 0)
+            QSKIP("a file of another uid needs root to create");
+        QVERIFY(writeAll(own, "theirs\n"));
+        QVERIFY(planted == "fifo"        ? mkfifo(ZRUI_LOG_PATH, 0666) == 0
+                : planted == "hard link" ? link(own, ZRUI_LOG_PATH) == 0
+                : planted == "symlink"   ? symlink(own, ZRUI_LOG_PATH) == 0
+                : planted == "dangling symlink"
+                        ? symlink(created, ZRUI_LOG_PATH) == 0
+                        : writeAll(LogFile::path(), "theirs\n") && chmod(ZRUI_LOG_PATH, 0666) == 0
+                                  && chown(ZRUI_LOG_PATH, 65534, 65534) == 0);
+        QFile::remove(fallback);
+        log("refused primary");
+        QVERIFY2(readAll(fallback).endsWith("] refused primary\n"), qPrintable(planted));
+        QCOMPARE(QFile::permissions(fallback) & 0x0777, QFile::Permissions(0x0600));
+        QVERIFY(readAll(own) == "theirs\n" && !QFile::exists(created));
+        QVERIFY(planted != "foreign" || readAll(LogFile::path()) == "theirs\n");
+        QCOMPARE(unlink(ZRUI_LOG_PATH), 0);
+    }
+}
+
+// From 16 MiB on, the file becomes uilog.txt.1 (replacing an older one) before the next line.
+void TestStartupPieces::testLogRotation()
+{
+    const qint64 limit = 16LL * 1024 * 1024;
+    QFile file(LogFile::path()), older(LogFile::path() + ".1");
+    for (qint64 size : {limit - 1, limit, limit + 4096}) {
+        const bool rotates = size >= limit;
+        older.remove();
+        QVERIFY(size <= limit || writeAll(older.fileName(), "older\n"));
+        // Sparse: the size counts, not the blocks.
+        QVERIFY(writeAll(file.fileName(), "first\n") && file.resize(size));
+        log("next line");
+        QCOMPARE(QFileInfo(older.fileName()).size(), rotates ? size : 0);
+        QCOMPARE(file.size(), (rotates ? 0 : size) + 36);
+        QVERIFY(readAll(LogFile::path()).endsWith("] next line\n"));
+    }
+    older.remove();
+}
+
+// The smallest code size; and noise in 256 colours, which overflows the 4096-entry table many
+// times (the code width changes and clear codes must line up), then long runs.
+void TestStartupPieces::testGifRoundTrip()
+{
+    for (const auto &[size, colours, transparent] :
+         {std::make_tuple(37, 2, -1), std::make_tuple(200, 256, 3)}) {
+        QVector<QRgb> palette;
+        for (int i = 0; i < colours; ++i)
+            palette << qRgb((i * 37) & 0xff, (i * 91 + 13) & 0xff, (255 - i * 53) & 0xff);
+        GifEncoder gif(size, size, palette, transparent);
+        gif.setLoopCount(0);
+        QVector<QImage> frames;
+        QRandomGenerator rng(1000);
+        for (int f = 0; f < 3; ++f) {
+            QImage img(size, size, QImage::Format_Indexed8);
+            img.setColorCount(colours);
+            for (int i = 0; i < size * size; ++i)
+                img.scanLine(i / size)[i % size]
+                        = uchar(f < 2 ? rng.bounded(colours) : (i / 3) % colours);
+            frames << img;
+            QVERIFY(gif.addFrame(img, 7 + f));
+        }
+        QByteArray file = gif.finish();
+        QBuffer buffer(&file);
+        QImageReader reader(&buffer, "gif");
+        QVERIFY(reader.size() == QSize(size, size) && reader.imageCount() == 3);
+        QCOMPARE(reader.loopCount(), -1); // Qt's word for "forever"
+        for (int f = 0; f < 3; ++f) {
+            const QImage decoded = reader.read().convertToFormat(QImage::Format_ARGB32);
+            QCOMPARE(reader.nextImageDelay(), (7 + f) * 10);
+            int wrong = decoded.isNull() ? 1 : 0;
+            for (int i = 0; i < size * size && !wrong; ++i) {
+                const int index = frames.at(f).pixelIndex(i % size, i / size);
+                const QRgb got = decoded.pixel(i % size, i / size);
+                wrong = index == transparent ? qAlpha(got)
+                                             : got != (palette.at(index) | 0xff000000u);
+            }
+            QCOMPARE(wrong, 0);
+        }
+    }
+}
+
+QTEST_MAIN(TestStartupPieces)
+#include "TestStartupPieces.moc"
