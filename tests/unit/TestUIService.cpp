@@ -21,8 +21,6 @@ class TestUIService : public QObject
 {
     Q_OBJECT
 private slots:
-    void initTestCase();
-    void cleanup();
     void testConfiguration();
     void testHandOff();
 
@@ -34,26 +32,14 @@ private:
     std::unique_ptr<QTemporaryDir> work;
 };
 
-void TestUIService::initTestCase()
-{
-    // The socket name is the application name plus the uid: unique per run.
-    QCoreApplication::setApplicationName(
-            QStringLiteral("TestUIService%1x").arg(QCoreApplication::applicationPid()));
-}
-
-void TestUIService::cleanup()
-{
-    QDir::setCurrent(savedCwd);
-    QResource::unregisterResource(registeredResource, QString());
-    work.reset();
-    // Consume the quit() a destroyed coordinator's thread posts, so it ends no later loop.
-    QCoreApplication::sendPostedEvents();
-    QCoreApplication::processEvents();
-}
-
 std::unique_ptr<UI_Service> TestUIService::make(const QString &variant)
 {
-    cleanup();
+    // The previous coordinator's files go; its thread's posted quit() is consumed.
+    QDir::setCurrent(savedCwd);
+    QResource::unregisterResource(registeredResource);
+    QCoreApplication::sendPostedEvents();
+    // The socket name is the application name plus the uid: unique per run.
+    QCoreApplication::setApplicationName(QStringLiteral("TestUIService%1x").arg(getpid()));
     work.reset(new QTemporaryDir());
     const QString from = variant.isEmpty() ? qEnvironmentVariable("ZRUI_BIN_DIR")
                                            : ServerLauncher::resourceVariantDir(variant);
@@ -74,27 +60,19 @@ std::unique_ptr<UI_Service> TestUIService::make(const QString &variant)
 // default PIN; the PIN bounds come from the auxiliary library's shared record (6 to 16).
 void TestUIService::testConfiguration()
 {
-    const struct
-    {
-        const char *variant;
-        bool full, visible;
-        int keepAliveMs; // 0: no timer
-        QString defaultPin;
-    } rows[] = {{"", true, true, 0, ""},
-                {"upperfull", true, true, 0, ""},
-                {"simplehide", false, false, 30000, ""},
-                {"defaultpin", true, true, 0, "123456"}};
-    for (const auto &r : rows) {
-        std::unique_ptr<UI_Service> ui = make(r.variant);
+    for (const auto &[variant, full, visible, keepAliveMs, defaultPin] : // keep-alive 0: no timer
+         {std::make_tuple("", true, true, 0, ""), std::make_tuple("upperfull", true, true, 0, ""),
+          std::make_tuple("simplehide", false, false, 30000, ""),
+          std::make_tuple("defaultpin", true, true, 0, "123456")}) {
+        std::unique_ptr<UI_Service> ui = make(variant);
         QVERIFY(ui && ui->service() && ui->GetPINMinLen() == 6 && ui->GetPINMaxLen() == 16);
-        QCOMPARE(ui->keyboardMode() == PINDialog::FullKeyBoard, r.full);
-        QCOMPARE(ui->isKeyboardVisible(), r.visible);
+        QCOMPARE(ui->keyboardMode() == PINDialog::FullKeyBoard, full);
+        QCOMPARE(ui->isKeyboardVisible(), visible);
         QTimer *timer = ui->keepAliveTimer();
-        QCOMPARE(timer && !timer->isSingleShot() ? timer->interval() : 0, r.keepAliveMs);
+        QCOMPARE(timer && !timer->isSingleShot() ? timer->interval() : 0, keepAliveMs);
         QString pin = "untouched";
-        QCOMPARE(ui->GetDefaultPIN(pin), r.defaultPin.isEmpty() ? -1 : 0);
-        QCOMPARE(pin, r.defaultPin.isEmpty() ? "untouched" : r.defaultPin);
-        ui.reset();
+        QCOMPARE(ui->GetDefaultPIN(pin), *defaultPin ? 0 : -1);
+        QCOMPARE(pin, QString(*defaultPin ? defaultPin : "untouched"));
     }
 }
 
@@ -156,29 +134,24 @@ void TestUIService::testHandOff()
 
     // The PIN dialog that comes back after an accepted retry says why, once.
     const QString reason = QStringLiteral("Attempts remaining: 2.");
-    const struct
-    {
-        const char *locale; // "": untranslated
-        int messageType;
-        const char *button;
-        QString hint;
-    } rows[] = {{"", 5, "pushButton_Retry", "Wrong PIN. " + reason},
-                {"zh_CN", 5, "pushButton_Retry", QString::fromUtf8("PIN码错误。") + reason},
-                {"zh_TW", 5, "pushButton_Retry", QString::fromUtf8("PIN碼錯誤。") + reason},
-                {"", 5, "pushButton_Cancel", ""},
-                {"", 0, "pushButton_OK", ""}};
     auto comments
             = [&] { return ui->currentPinDialog()->findChild<QLabel *>("label_comments")->text(); };
-    for (const auto &r : rows) {
+    const QString wrong = "Wrong PIN. ", zhCN = "PIN码错误。", zhTW = "PIN碼錯誤。";
+    for (const auto &[locale, type, button, hint] : // locale "": untranslated
+         {std::make_tuple("", 5, "pushButton_Retry", wrong + reason),
+          std::make_tuple("zh_CN", 5, "pushButton_Retry", zhCN + reason),
+          std::make_tuple("zh_TW", 5, "pushButton_Retry", zhTW + reason),
+          std::make_tuple("", 5, "pushButton_Cancel", QString()),
+          std::make_tuple("", 0, "pushButton_OK", QString())}) {
         QTranslator translator;
-        QVERIFY(!*r.locale || translator.load(QStringLiteral(":/uiserver.%1.qm").arg(r.locale)));
+        QVERIFY(!*locale || translator.load(QStringLiteral(":/uiserver.%1.qm").arg(locale)));
         QCoreApplication::installTranslator(&translator);
         ui->on_pin_dialog_show(0);
-        ui->on_message_dialog_show("USBKey password error", reason, ulong(r.messageType));
-        ui->currentMessageDialog()->findChild<QPushButton *>(r.button)->click();
+        ui->on_message_dialog_show("USBKey password error", reason, ulong(type));
+        ui->currentMessageDialog()->findChild<QPushButton *>(button)->click();
         QVERIFY(!ui->currentMessageDialog());
         ui->on_pin_dialog_show(0);
-        QCOMPARE(comments(), r.hint);
+        QCOMPARE(comments(), hint);
         ui->on_pin_dialog_show(0);
         QVERIFY(comments().isEmpty());
         QCoreApplication::removeTranslator(&translator);
