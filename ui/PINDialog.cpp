@@ -7,6 +7,7 @@
 #include "WindowActivation.h"
 #include "DialogAccessibility.h"
 #include "DialogKeys.h"
+#include "PinFieldReveal.h"
 #include "service/UiStatusHandler.h"
 
 #include <QAction>
@@ -24,6 +25,7 @@
 #include <QMouseEvent>
 #include <QRegExp>
 #include <QRegularExpression>
+#include <QRegularExpressionValidator>
 #include <QScreen>
 #include <QTimer>
 #include <QToolTip>
@@ -314,32 +316,34 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
         pinMinLen = static_cast<unsigned int>(handler->GetPINMinLen());
         pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
     }
+    static const QRegularExpression simpleKeys(QStringLiteral("[a-zA-Z0-9]*"));
     for (QLineEdit *edit : edits) {
         DialogAccessibility::markPinField(edit);
         edit->setMaxLength(static_cast<int>(pinMaxLen));
         edit->setContextMenuPolicy(Qt::NoContextMenu);
         // Nothing may be dropped into a PIN field.
         edit->setAcceptDrops(false);
+        // A refused key never enters the text, so no string holding it is left behind.
+        if (keyBoardMode == SimpleKeyBoard && edit != ui->lineEdit_oldPin)
+            edit->setValidator(new QRegularExpressionValidator(simpleKeys, edit));
     }
 
     for (QLineEdit *edit : edits)
         connect(edit, SIGNAL(returnPressed()), this, SLOT(on_pushButton_OK_clicked()));
 
-    // A show/hide toggle inside each field. A shown PIN is still never
-    // selected: a selection in clear text would land in the X selection.
+    // A show/hide toggle inside each field; shown, the field still holds
+    // its PIN in password echo (no copy to wipe, none to select).
     for (QLineEdit *edit : edits) {
         QAction *toggle = edit->addAction(QIcon(), QLineEdit::TrailingPosition);
         toggle->setObjectName(edit->objectName() + QStringLiteral("_show"));
         toggle->setCheckable(true);
-        connect(toggle, &QAction::toggled, this, [this, edit, toggle](bool shown) {
-            edit->setEchoMode(shown ? QLineEdit::Normal : QLineEdit::Password);
-            if (shown)
-                edit->deselect();
+        // The icon takes no focus: keyboard users toggle with a key instead.
+        toggle->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_H));
+        toggle->setShortcutContext(Qt::WidgetShortcut);
+        auto *reveal = new PinFieldReveal(edit);
+        connect(toggle, &QAction::toggled, this, [this, reveal, toggle](bool shown) {
+            reveal->setShown(shown);
             refreshShowToggle(toggle);
-        });
-        connect(edit, &QLineEdit::selectionChanged, edit, [edit]() {
-            if (edit->echoMode() == QLineEdit::Normal && edit->hasSelectedText())
-                edit->deselect();
         });
         refreshShowToggle(toggle);
     }

@@ -2,6 +2,7 @@
 // the field last used, the Tab order with an opened keyboard, the show/hide
 // toggle, the Caps Lock hint and the activation policy per platform.
 #include "ui/PINDialog.h"
+#include "ui/PinFieldReveal.h"
 
 #include "FakeUiStatus.h"
 #include "ui/WindowActivation.h"
@@ -152,7 +153,7 @@ void TestPinFieldAids::testShowToggle()
         QCOMPARE(toggle->text(), QStringLiteral("Show PIN"));
         edit->setText(QStringLiteral("a1b2c3"));
         toggle->trigger();
-        QCOMPARE(edit->echoMode(), QLineEdit::Normal);
+        QVERIFY(edit->findChild<PinFieldReveal *>()->isShown());
         QCOMPARE(toggle->text(), QStringLiteral("Hide PIN"));
         edit->setSelection(0, 4);
         QVERIFY(!edit->hasSelectedText());
