@@ -44,6 +44,7 @@ public:
 private:
     QLabel *neighbour(const QLabel *from, int qtKey) const;
     void leave(bool forward);
+    void paintKeys();
 
     QWidget *board;
     QList<Group> groups;
@@ -51,5 +52,6 @@ private:
     QLabel *shiftKey;
     QLabel *spaceKey;
     QLabel *current = nullptr;
+    QLabel *hovered = nullptr;
     int frameWidth = 2;
 };
