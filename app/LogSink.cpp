@@ -35,29 +35,29 @@ int openLog(const char *path)
                   S_IRUSR | S_IWUSR);
 }
 
-bool isOwnSingleFile(const struct stat &st)
+/*
+ * Opens path for one line. Deliberate departure: the descriptor is kept only
+ * when it is a regular file of this user with no second name (a hard link
+ * would let the line land in some other file of ours); anything else under
+ * the name is not written. A file past the rotation size becomes path".1"
+ * (replacing an older one) and a new file starts; where that rename is
+ * refused (a ".1" of another user in a sticky directory) the file starts
+ * again empty instead, so it never grows without bound.
+ *
+ * The fstat stays on every line: once this user has removed the file (by
+ * hand, a test, the rotation), any other user may create one under the name
+ * in /tmp before the next line, and only a look at the opened descriptor
+ * tells whose file the line would go to.
+ */
+int openChecked(const char *path)
 {
     // geteuid is a real system call; the program never changes its uid.
     static const uid_t owner = ::geteuid();
-    return S_ISREG(st.st_mode) && st.st_uid == owner && st.st_nlink == 1;
-}
-
-/*
- * Opens path and fills st for the descriptor. Deliberate departure: the
- * descriptor is kept only when it is a regular file of this user with no
- * second name (a hard link would let the line land in some other file of
- * ours); anything else under the name is not written. A file past the
- * rotation size becomes path".1" (replacing an older one) and a new file
- * starts; where that rename is refused (a ".1" of another user in a sticky
- * directory) the file starts again empty instead, so it never grows without
- * bound.
- */
-int openChecked(const char *path, struct stat &st)
-{
     int fd = openLog(path);
     if (fd < 0)
         return -1;
-    if (::fstat(fd, &st) != 0 || !isOwnSingleFile(st)) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != owner || st.st_nlink != 1) {
         ::close(fd);
         return -1;
     }
@@ -71,7 +71,8 @@ int openChecked(const char *path, struct stat &st)
         fd = openLog(path);
         if (fd < 0)
             return -1;
-        if (::fstat(fd, &st) != 0 || !isOwnSingleFile(st)) {
+        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != owner
+            || st.st_nlink != 1) {
             ::close(fd);
             return -1;
         }
@@ -85,44 +86,15 @@ int openChecked(const char *path, struct stat &st)
 }
 
 /*
- * The checked descriptor of /tmp/uilog.txt, kept open between lines while
- * an lstat of the name still finds that very file below the rotation size.
- * Whatever the name leads to otherwise (removed, replaced, a link planted in
- * its place) goes through openChecked again. Every line thus goes only to a
- * file that passed the check when it was opened: its owner and type cannot
- * change since, and a name added to it later does not make the line land
- * anywhere else. Two calls a line (lstat, write) instead of four.
- */
-int keptPrimary()
-{
-    static int fd = -1;
-    static dev_t dev = 0;
-    static ino_t ino = 0;
-    struct stat st = {};
-    if (fd >= 0 && ::lstat(ZRUI_LOG_PATH, &st) == 0 && st.st_dev == dev && st.st_ino == ino
-        && st.st_size < ZRUI_LOG_ROTATE_BYTES)
-        return fd;
-    if (fd >= 0)
-        ::close(fd);
-    fd = openChecked(ZRUI_LOG_PATH, st);
-    dev = st.st_dev;
-    ino = st.st_ino;
-    return fd;
-}
-
-/*
  * Deliberate departure: where /tmp/uilog.txt is not ours, the line goes to
- * $XDG_RUNTIME_DIR/uilog.txt under the same rules (opened for that line
- * only), or nowhere when that is unset. Read on each such line (rare), so a
- * later environment counts. Sets keep when the descriptor stays open.
+ * $XDG_RUNTIME_DIR/uilog.txt under the same rules, or nowhere when that is
+ * unset. Read on each such line (rare), so a later environment counts.
  */
-int openLogForLine(bool &keep)
+int openLogForLine()
 {
-    keep = true;
-    const int fd = keptPrimary();
+    const int fd = openChecked(ZRUI_LOG_PATH);
     if (fd >= 0)
         return fd;
-    keep = false;
     const char *runtimeDir = std::getenv("XDG_RUNTIME_DIR");
     if (!runtimeDir || runtimeDir[0] != '/')
         return -1;
@@ -130,8 +102,7 @@ int openLogForLine(bool &keep)
     if (std::snprintf(fallback, sizeof fallback, "%s/%s", runtimeDir, LOG_NAME)
         >= int(sizeof fallback))
         return -1;
-    struct stat st;
-    return openChecked(fallback, st);
+    return openChecked(fallback);
 }
 
 inline char *put2(char *p, int v)
@@ -224,10 +195,9 @@ void writeAll(int fd, const char *data, size_t size)
 /**
  * Appends "[yyyy-MM-dd HH:mm:ss zzz] message" to the log file.
  *
- * Each line is in the file when the handler returns (one write(2) on a
- * descriptor kept open while the name still leads to it), and a file removed
- * from outside is recreated by the next message. The file lives in a shared
- * directory, so it
+ * The file is opened and closed for every message on purpose: each line is
+ * on disk when the handler returns, and a file removed from outside is
+ * recreated by the next message. The file lives in a shared directory, so it
  * is created 0600 by open(2) itself (no window with wider bits) and a
  * symbolic link planted under its name is not followed. The whole line goes
  * out in one write(2), so lines of other writers never split it. A message
@@ -268,13 +238,11 @@ void printlogtofile(QtMsgType type, const QMessageLogContext &context, const QSt
     }
     *end++ = '\n';
 
-    bool keep = false;
-    const int fd = openLogForLine(keep);
+    const int fd = openLogForLine();
     if (fd < 0)
         return;
     writeAll(fd, line, size_t(end - line));
-    if (!keep)
-        ::close(fd);
+    ::close(fd);
 }
 
 void setThreadLogMuted(bool muted) { threadMuted = muted; }
