@@ -112,26 +112,21 @@ private slots:
         QTest::addColumn<qulonglong>("type");
         QTest::addColumn<QString>("shown"); // title|message; a number: a countdown from it
         QTest::addColumn<QString>("movie"); // in directory "/opt/x/"; empty: none
-        const QString prompt = "|Please press OK button on USBKey", limits = "1=11|2=22|4=44|3=x";
-        QTest::newRow("0") << "" << 0ull
-                           << "Generate Key Pair|USBKey is generating key pair, please waiting..."
-                           << "";
-        QTest::newRow("2, timeout1") << limits << 2ull << "Verify user pin|11"
-                                     << "";
-        QTest::newRow("5, timeout2") << limits << 5ull << "Trade Confirm|22"
-                                     << "";
-        QTest::newRow("6, timeout4")
-                << limits << 6ull << "You will restore UKey to default status|44"
-                << "";
-        QTest::newRow("max") << limits << 0xFFFFFFFFull << "Unknown Type|unknown request 4294967295"
-                             << "";
-        QTest::newRow("negative") << "1=-3" << 4ull << "Unlock pin" + prompt << "";
-        QTest::newRow("malformed ignored")
-                << "1=5=6|1=4|7|1=8s" << 3ull << "Change user pin" + prompt << "";
-        QTest::newRow("other keys ignored") << "5=9|2=8|4=7|-1=3|1=2" << 2ull << "Verify user pin|2"
-                                            << "";
-        QTest::newRow("non-numeric key: picture")
-                << "x=a.gif|0=b.gif" << 2ull << "Verify user pin" + prompt << "/opt/x/b.gif";
+        auto row = [](const char *text, qulonglong type, const QString &shown,
+                      const char *movie = "") {
+            QTest::addRow("%llu: %s", type, text)
+                    << QString(text) << type << shown << QString(movie);
+        };
+        const QString prompt = "|Please press OK button on USBKey";
+        row("", 0, "Generate Key Pair|USBKey is generating key pair, please waiting...");
+        row("1=11|2=22|4=44|3=x", 2, "Verify user pin|11");
+        row("1=11|2=22|4=44|3=x", 5, "Trade Confirm|22");
+        row("1=11|2=22|4=44|3=x", 6, "You will restore UKey to default status|44");
+        row("1=11", 0xFFFFFFFF, "Unknown Type|unknown request 4294967295");
+        row("1=-3", 4, "Unlock pin" + prompt);
+        row("1=5=6|1=4|7|1=8s", 3, "Change user pin" + prompt);
+        row("5=9|2=8|4=7|-1=3|1=2", 2, "Verify user pin|2");
+        row("x=a.gif|0=b.gif", 2, "Verify user pin" + prompt, "/opt/x/b.gif");
     }
 
     // Title, text, countdown (its first tick shown at once) and picture from the request; a

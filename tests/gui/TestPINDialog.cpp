@@ -13,6 +13,7 @@
 #include <X11/Xlib.h>
 #endif
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -280,7 +281,7 @@ private slots:
     void testKeyboardPanel()
     {
         QFETCH(int, type);
-        fake.pinMax = 16;
+        fake.pinMax = 60;
         show(type, type % 2);
         QWidget *panel = child("widget_softkeyboard"), *kb = dlg->keyboardWidget();
         auto *button = child<QToolButton>(type ? "toolButtonnew_softkeyboard"
@@ -313,13 +314,48 @@ private slots:
                 && kb->isAncestorOf(QApplication::focusWidget()));
         for (Qt::Key k : {Qt::Key_Space, Qt::Key_Return})
             QTest::keyClick(QApplication::focusWidget(), k);
-        auto *key = kb->findChild<QLabel *>("label_number_0");
-        for (int i = 0; i < 20; ++i)
-            QTest::mouseClick(key, Qt::LeftButton);
-        QMetaObject::invokeMethod(kb, "input_backspace");
         drain();
-        QCOMPARE(last->text().size() * 10 + fake.pinReports.load(), 150);
-        QCOMPARE(last->text().mid(2), key->text().repeated(13));
+        QCOMPARE(last->text().size() * 10 + fake.pinReports.load(), 20);
+        // Each key types its face once, by the left button alone: plain, then shifted (shift
+        // swaps every face in place); a shuffle deals the same faces anew.
+        const auto keys = kb->findChildren<QLabel *>(QRegularExpression("_(number|char|note)_"));
+        const QString az = "abcdefghijklmnopqrstuvwxyz",
+                      all[] = {"0123456789" + az + (type % 2 ? "`-=[]\\;',./" : ""),
+                               (type % 2 ? ")!@#$%^&*(" : "0123456789") + az.toUpper()
+                                       + (type % 2 ? "~_+{}|:\"<>?" : "")};
+        auto faces = [&keys](bool sorted = false) {
+            QString s;
+            for (QLabel *k : keys)
+                s += k->text();
+            if (sorted)
+                std::sort(s.begin(), s.end());
+            return s;
+        };
+        for (int shift = 0; shift < 2; ++shift) {
+            const QString shown = faces();
+            QString want = all[shift];
+            std::sort(want.begin(), want.end());
+            QCOMPARE(faces(true), want);
+            last->clear();
+            for (QLabel *k : keys) {
+                QTest::mouseClick(k, Qt::RightButton);
+                QTest::mouseClick(k, Qt::MiddleButton);
+                QTest::mouseClick(k, Qt::LeftButton);
+                QTest::mouseDClick(k, Qt::LeftButton);
+            }
+            QCOMPARE(last->text(), shown);
+            QTest::mouseClick(kb->findChild<QLabel *>("label_shift"), Qt::LeftButton);
+            for (int k = 0; k < shown.size(); ++k)
+                QCOMPARE(faces()[k], all[!shift][all[shift].indexOf(shown[k])]);
+            const QString dealt = faces(), kept = faces(true);
+            QMetaObject::invokeMethod(kb, "randomSoftKeyboard");
+            QVERIFY(faces() != dealt && faces(true) == kept);
+        }
+        last->clear();
+        for (int i = 0; i < 70; ++i)
+            QTest::mouseClick(keys[0], Qt::LeftButton);
+        QMetaObject::invokeMethod(kb, "input_backspace");
+        QCOMPARE(last->text(), keys[0]->text().repeated(59));
         for (int f = 0; f < 3; ++f)
             QVERIFY(edit(f) == last || edit(f)->text().isEmpty());
         QTest::mouseClick(button, Qt::LeftButton);

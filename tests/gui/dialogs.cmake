@@ -2,8 +2,6 @@
 foreach(_t TestPINDialog TestDialogs)
   zrui_add_test(NAME ${_t} SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/${_t}.cpp LIBS zrui_ui zrui_testsupport)
 endforeach()
-zrui_add_test(NAME TestSoftKeyboards SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestSoftKeyboards.cpp
-  LIBS zrui_keyboard)
 # On an X server: middle-click paste needs a selection clipboard, the Caps Lock hint a keyboard
 # state to read.
 find_package(X11)
