@@ -154,12 +154,10 @@ private slots:
         QElapsedTimer clock;
         clock.start();
         WaitingDialog dlg("1=2", 2, 0, "", 1.5f);
-        QCOMPARE(info(&dlg), tick(2));
         QSize size;
-        for (int shown = 1; shown >= 0; --shown) {
+        for (int shown = 2; shown >= 0; --shown) {
             QTRY_COMPARE_WITH_TIMEOUT(info(&dlg), tick(shown), 5000);
-            QVERIFY(clock.elapsed() >= 950 * (2 - shown)
-                    && (!size.isValid() || dlg.size() == size));
+            QVERIFY(clock.elapsed() >= 950 * (2 - shown) && (shown > 0 || dlg.size() == size));
             size = dlg.size();
         }
         QTRY_VERIFY_WITH_TIMEOUT(!dlg.isCounting(), 5000);
