@@ -441,12 +441,12 @@ private slots:
         QCOMPARE(fake.lastPinBuffer(), QByteArray());
     }
 
-    // The comment keeps a 4.5:1 contrast on a light and a dark palette, errors red and good news
-    // not; a comment that needs more lines grows the window, which stays on the screen.
+    // The comment keeps a 4.5:1 contrast on a light and a dark blue palette, errors red and good
+    // news not; a comment that needs more lines grows the window, which stays on the screen.
     void testComment()
     {
         const QPalette light = QApplication::palette();
-        for (const QPalette &palette : {light, QPalette(QColor(0x35, 0x35, 0x35))}) {
+        for (const QPalette &palette : {light, QPalette(QColor(0x20, 0x20, 0x60))}) {
             QApplication::setPalette(palette);
             for (const char *pin : {"Ab1xY9z!", "abcxyz17", "qazplm", "ab"}) {
                 show(2);
