@@ -54,7 +54,7 @@ const struct
 } okCases[] = {
         {"verify repeated", 0, "aaaaaa||", -1, le(6) + "aaaaaa" + le(0)},
         {"so verify, UTF-8", 1, "p\u00e4sswort||", -1, le(9) + "p\xC3\xA4sswort" + le(0)},
-        {"change", 2, "111111|Abc123x|Abc123x", -1, le(6) + "111111" + le(7) + "Abc123x"},
+        {"change", 2, "111111|abc1234|abc1234", -1, le(6) + "111111" + le(7) + "abc1234"},
         {"unblock, long", 4, QString(300, 'a') + "||", -1, le(300) + QByteArray(300, 'a') + le(0)},
         {"set", 5, "|a1b2c3|a1b2c3", -1, le(0) + le(6) + "a1b2c3"},
         {"verify short", 0, "12345||", 0, Len},
