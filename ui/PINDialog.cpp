@@ -6,15 +6,12 @@
 #include "CapsLockState.h"
 #include "WindowActivation.h"
 #include "DialogAccessibility.h"
-#include "DialogKeys.h"
 #include "PinFieldReveal.h"
 #include "service/UiStatusHandler.h"
 
 #include <QAction>
 #include <QApplication>
-#include <QCloseEvent>
 #include <QDebug>
-#include <QGuiApplication>
 #include <QHash>
 #include <QHideEvent>
 #include <QPainter>
@@ -172,7 +169,7 @@ bool endsWalk(const QString &row, QChar c, QChar next)
 } // namespace
 
 PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible, unsigned long type,
-                     QObject *service, float scale, QWidget *parent)
+                     UiStatusHandler *service, float scale, QWidget *parent)
     : QWidget(parent)
     , ui(new Ui::PINDialog)
     , keyBoardMode(keyBoardMode)
@@ -294,7 +291,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
                                     ui->pushButton_Cancel};
     for (int i = 0; i + 1 < tabOrder.size(); ++i)
         setTabOrder(tabOrder.at(i), tabOrder.at(i + 1));
-    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
+    frame.setButtons(ui->pushButton_OK, ui->pushButton_Cancel);
     // Screen readers name each field by its label.
     ui->label_oldPin->setBuddy(ui->lineEdit_oldPin);
     ui->label_newPin->setBuddy(ui->lineEdit_newPin);
@@ -312,10 +309,8 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     for (QLineEdit *edit : edits)
         edit->installEventFilter(this);
 
-    if (UiStatusHandler *handler = statusHandler()) {
-        pinMinLen = static_cast<unsigned int>(handler->GetPINMinLen());
-        pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
-    }
+    pinMinLen = static_cast<unsigned int>(service->GetPINMinLen());
+    pinMaxLen = static_cast<unsigned int>(service->GetPINMaxLen());
     static const QRegularExpression simpleKeys(QStringLiteral("[a-zA-Z0-9]*"));
     for (QLineEdit *edit : edits) {
         DialogAccessibility::markPinField(edit);
@@ -348,8 +343,6 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
         refreshShowToggle(toggle);
     }
 
-    timer = new QTimer();
-
     QTimer::singleShot(500, this, &PINDialog::SetWindowAcitive);
 
     // One icon object for every dialog: a new QIcon each time left new
@@ -359,16 +352,12 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     setWindowFlags(Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowStaysOnTopHint);
     setAttribute(Qt::WA_ShowModal);
 
-    if (const QScreen *screen = QGuiApplication::primaryScreen()) {
-        const QSize desktop = screen->virtualSize();
-        move((desktop.width() - width()) / 2, (desktop.height() - height()) / 2);
-    }
+    frame.centre();
 }
 
 PINDialog::~PINDialog()
 {
     wipeInput();
-    delete timer;
     delete ui;
     ui = nullptr;
 }
@@ -431,24 +420,10 @@ void PINDialog::showRetryHint(const QString &reason)
     setComment(tr("Wrong PIN. %1").arg(reason));
 }
 
-UiStatusHandler *PINDialog::statusHandler() const
-{
-    UiStatusHandler *handler = dynamic_cast<UiStatusHandler *>(service);
-    if (!handler)
-        qWarning() << "PINDialog: service has no status handler";
-    return handler;
-}
-
 /// The translated annotation of `key` with the service's current length bounds.
 QString PINDialog::annotationText(const char *key) const
 {
-    int minLen = 0;
-    int maxLen = 0;
-    if (UiStatusHandler *handler = statusHandler()) {
-        minLen = handler->GetPINMinLen();
-        maxLen = handler->GetPINMaxLen();
-    }
-    return withBounds(tr(key), minLen, maxLen);
+    return withBounds(tr(key), service->GetPINMinLen(), service->GetPINMaxLen());
 }
 
 QString PINDialog::lengthText() const
@@ -793,10 +768,6 @@ void PINDialog::on_pushButton_OK_clicked()
         }
     }
 
-    UiStatusHandler *handler = statusHandler();
-    if (!handler)
-        return;
-
     QByteArray oldPin = ui->lineEdit_oldPin->text().toUtf8();
     QByteArray newPin = ui->lineEdit_newPin->text().toUtf8();
     const uint32_t oldLen
@@ -827,9 +798,9 @@ void PINDialog::on_pushButton_OK_clicked()
         p += 4 + len;
     }
 
-    resultReported = true;
+    frame.answered();
     // The service copies the buffer before it returns; nothing below touches a member.
-    handler->SetPINStatus(1, buffer, 8ul + oldLen + newLen);
+    service->SetPINStatus(1, buffer, 8ul + oldLen + newLen);
 
     explicit_bzero(buffer, allocated);
     if (locked)
@@ -841,12 +812,9 @@ void PINDialog::on_pushButton_OK_clicked()
 
 void PINDialog::on_pushButton_Cancel_clicked()
 {
-    UiStatusHandler *handler = statusHandler();
-    if (!handler)
-        return;
-    resultReported = true;
+    frame.answered();
     // The service deletes this dialog inside the call.
-    handler->SetPINStatus(0, nullptr, 0);
+    service->SetPINStatus(0, nullptr, 0);
 }
 
 void PINDialog::on_toolButtonold_softkeyboard_toggled(bool checked)
@@ -963,40 +931,6 @@ void PINDialog::RefreshLayout()
 }
 
 /**
- * The window manager's close button answers as Cancel would, exactly once, so
- * the service never waits for a window that is gone. The answer is given from
- * the event loop: the service deletes the dialog inside SetPINStatus, which must
- * not happen inside the close handling. A queued call to a deleted dialog is
- * dropped, so the service's own hide and delete never report anything.
- */
-void PINDialog::closeEvent(QCloseEvent *event)
-{
-    event->ignore();
-    if (resultReported || closeAnswerQueued)
-        return;
-    closeAnswerQueued = true;
-    qDebug() << "PINDialog: closed by the window manager, answered as Cancel";
-    QMetaObject::invokeMethod(
-            this,
-            [this]() {
-                if (resultReported)
-                    return;
-                on_pushButton_Cancel_clicked();
-            },
-            Qt::QueuedConnection);
-}
-
-/**
- * Deliberate departure: Escape answers as the window manager's close does;
- * Return presses the focused button, or the default one.
- */
-void PINDialog::keyPressEvent(QKeyEvent *event)
-{
-    if (!DialogKeys::handleKey(this, event, ui->pushButton_OK))
-        QWidget::keyPressEvent(event);
-}
-
-/**
  * A PIN shown in clear is hidden again whenever the dialog goes out of view,
  * and the Caps Lock hint goes with it.
  */
@@ -1036,8 +970,6 @@ void PINDialog::refreshCapsLockHint()
 
 void PINDialog::changeEvent(QEvent *event)
 {
-    if (event->type() == QEvent::ActivationChange && isActiveWindow())
-        DialogKeys::showFocusRing(this);
     // Caps Lock may have been switched in another window meanwhile.
     if (event->type() == QEvent::ActivationChange && ui)
         refreshCapsLockHint();
