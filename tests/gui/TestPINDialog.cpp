@@ -390,7 +390,8 @@ private slots:
             QVERIFY(edit(f)->echoMode() == QLineEdit::Password && toggle->text() == "Show PIN");
             edit(f)->setText("a1b2c3");
             toggle->trigger();
-            QVERIFY(edit(f)->findChild<PinFieldReveal *>()->isShown() && toggle->text() == "Hide PIN");
+            QVERIFY(edit(f)->findChild<PinFieldReveal *>()->isShown()
+                    && toggle->text() == "Hide PIN");
             edit(f)->setFocus();
             edit(f)->setSelection(0, 4);
             QTest::keyClick(edit(f), Qt::Key_Home, Qt::ShiftModifier);
