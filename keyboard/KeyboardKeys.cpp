@@ -9,7 +9,6 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QMouseEvent>
-#include <QPainter>
 #include <QRandomGenerator>
 #include <QWidget>
 
@@ -187,19 +186,12 @@ bool KeyboardKeys::filter(QObject *watched, QEvent *event, QObject **pressed)
     if (watched == board) {
         if (event->type() == QEvent::FocusIn && current)
             current->setFocus(static_cast<QFocusEvent *>(event)->reason());
-        if (event->type() == QEvent::Paint)
-            paintKeys();
         return false;
     }
     auto *key = qobject_cast<QLabel *>(watched);
     if (!key)
         return false;
     switch (event->type()) {
-    case QEvent::Enter:
-    case QEvent::Leave:
-        hovered = event->type() == QEvent::Enter ? key : hovered == key ? nullptr : hovered;
-        board->update(key->geometry());
-        return false;
     case QEvent::MouseButtonPress:
         if (static_cast<QMouseEvent *>(event)->button() == Qt::LeftButton)
             *pressed = watched;
@@ -251,21 +243,6 @@ bool KeyboardKeys::filter(QObject *watched, QEvent *event, QObject **pressed)
     default:
         return false;
     }
-}
-
-/**
- * The key faces' backgrounds, painted by the board under its transparent
- * labels, 1 px in from each key's edges; the key under the mouse darker.
- * One board painting its keys costs far less than a style sheet the style
- * must match against every key as it is created and polished.
- */
-void KeyboardKeys::paintKeys()
-{
-    QPainter painter(board);
-    for (QLabel *key : keys())
-        if (key->isVisibleTo(board))
-            painter.fillRect(key->geometry().adjusted(1, 1, -1, -1),
-                             key == hovered ? QColor(121, 141, 255) : QColor(153, 247, 255));
 }
 
 /**

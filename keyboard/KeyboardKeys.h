@@ -44,7 +44,6 @@ public:
 private:
     QLabel *neighbour(const QLabel *from, int qtKey) const;
     void leave(bool forward);
-    void paintKeys();
 
     QWidget *board;
     QList<Group> groups;
@@ -52,6 +51,5 @@ private:
     QLabel *shiftKey;
     QLabel *spaceKey;
     QLabel *current = nullptr;
-    QLabel *hovered = nullptr;
     int frameWidth = 2;
 };

@@ -185,6 +185,15 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     // only the toggle buttons show it.
     this->keyboardVisible = false;
 
+    if (keyBoardMode == SimpleKeyBoard)
+        keyboard = new SimpleSoftKeyboard(scale, ui->widget_softkeyboard);
+    else if (keyBoardMode == FullKeyBoard)
+        keyboard = new SoftKeyboard(scale, ui->widget_softkeyboard);
+    if (keyboard) {
+        connect(keyboard, SIGNAL(input_char(char)), this, SLOT(receiveInput(char)));
+        connect(keyboard, SIGNAL(input_backspace()), this, SLOT(receiveBackspace()));
+    }
+
     this->service = service;
     ui->label_fixcomment->setText(annotationText(QT_TR_NOOP("IDC_CUSTOM_PIN_ANNOTATION")));
 
@@ -241,6 +250,10 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
           static_cast<QWidget *>(ui->toolButtonold_softkeyboard)})
         scaleWidget(w, scale);
     ui->toolButton_hide2->resize(ui->toolButtonold_softkeyboard->size());
+    // The form's fixed 410 x 140 panel cannot hold a keyboard scaled above 1:
+    // the panel takes the keyboard's scaled size so no key is cut off.
+    if (keyboard)
+        ui->widget_softkeyboard->setFixedSize(keyboard->size());
 
     switch (mode) {
     case 0:
@@ -281,14 +294,13 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     // Deliberate departure: the fields first, in the order they are filled in,
     // then the keyboard buttons, OK and Cancel; a confirmation typed after one
     // Tab lands in the confirmation field.
-    // The keyboard joins the chain when it is built (see keyboardWidget).
-    const QList<QWidget *> tabOrder{ui->lineEdit_oldPin,
-                                    ui->lineEdit_newPin,
-                                    ui->lineEdit_confirmPin,
-                                    ui->toolButtonold_softkeyboard,
-                                    ui->toolButtonnew_softkeyboard,
-                                    ui->pushButton_OK,
-                                    ui->pushButton_Cancel};
+    // An opened keyboard is the stop right after its button (only one of the
+    // two buttons is ever shown); a hidden panel is skipped.
+    QList<QWidget *> tabOrder{ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin,
+                              ui->toolButtonold_softkeyboard, ui->toolButtonnew_softkeyboard};
+    if (keyboard)
+        tabOrder << keyboard;
+    tabOrder << ui->pushButton_OK << ui->pushButton_Cancel;
     for (int i = 0; i + 1 < tabOrder.size(); ++i)
         setTabOrder(tabOrder.at(i), tabOrder.at(i + 1));
     frame.setButtons(ui->pushButton_OK, ui->pushButton_Cancel);
@@ -371,11 +383,11 @@ int PINDialog::rememberedWindowY() { return keepWindowY; }
  */
 void PINDialog::setComment(const QString &text, bool error)
 {
-    // A palette rather than a style sheet: a style sheet costs every dialog a style of its own.
-    QPalette colours = ui->label_comments->palette();
-    colours.setColor(QPalette::WindowText, error ? readableRed(palette().color(QPalette::Window))
-                                                 : palette().color(QPalette::WindowText));
-    ui->label_comments->setPalette(colours);
+    // The label's style sheet decides the drawn colour, so the colour goes there.
+    const QColor colour = error ? readableRed(palette().color(QPalette::Window))
+                                : palette().color(QPalette::WindowText);
+    ui->label_comments->setStyleSheet(
+            QStringLiteral("QLabel { margin-left:10px; color:%1; }").arg(colour.name()));
     ui->label_comments->setText(text);
     // Screen readers announce the comment as the fields' description.
     for (QLineEdit *edit : {ui->lineEdit_oldPin, ui->lineEdit_newPin, ui->lineEdit_confirmPin})
@@ -528,31 +540,6 @@ bool PINDialog::IsAllInputValid()
     default:
         return false;
     }
-}
-
-/**
- * The on-screen keyboard, built when its panel is first opened: most PIN
- * dialogs never show it, and its keys were a third of the cost of opening
- * one. It is shuffled as it is built. The form's fixed 410 x 140 panel
- * cannot hold a keyboard scaled above 1: the panel takes the keyboard's
- * scaled size so no key is cut off. An opened keyboard is the Tab stop
- * right after its button (only one of the two is ever shown).
- */
-QWidget *PINDialog::keyboardWidget()
-{
-    if (keyboard || !ui)
-        return keyboard;
-    if (keyBoardMode == SimpleKeyBoard)
-        keyboard = new SimpleSoftKeyboard(scale, ui->widget_softkeyboard);
-    else if (keyBoardMode == FullKeyBoard)
-        keyboard = new SoftKeyboard(scale, ui->widget_softkeyboard);
-    if (!keyboard)
-        return nullptr;
-    connect(keyboard, SIGNAL(input_char(char)), this, SLOT(receiveInput(char)));
-    connect(keyboard, SIGNAL(input_backspace()), this, SLOT(receiveBackspace()));
-    ui->widget_softkeyboard->setFixedSize(keyboard->size());
-    setTabOrder(ui->toolButtonnew_softkeyboard, keyboard);
-    return keyboard;
 }
 
 void PINDialog::randomSoftKeyboard()
@@ -820,8 +807,6 @@ void PINDialog::on_pushButton_Cancel_clicked()
 void PINDialog::on_toolButtonold_softkeyboard_toggled(bool checked)
 {
     qDebug() << "on_toolButtonold_softkeyboard_toggled: checked=" << checked;
-    if (checked)
-        keyboardWidget();
     ui->widget_softkeyboard->setVisible(checked);
     RefreshLayout();
 }
@@ -829,8 +814,6 @@ void PINDialog::on_toolButtonold_softkeyboard_toggled(bool checked)
 void PINDialog::on_toolButtonnew_softkeyboard_toggled(bool checked)
 {
     qDebug() << "on_toolButtonnew_softkeyboard_toggled: checked=" << checked;
-    if (checked)
-        keyboardWidget();
     ui->widget_softkeyboard->setVisible(checked);
     RefreshLayout();
 }

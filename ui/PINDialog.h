@@ -38,8 +38,8 @@ public:
 
     unsigned int dialogMode() const { return mode; }
 
-    QWidget *keyboardWidget();
     // Test accessors.
+    QWidget *keyboardWidget() const { return keyboard; }
     bool isKeyboardVisible() const { return keyboardVisible; }
     QLineEdit *currentInputLineEdit() const { return currentLineEdit; }
     static int rememberedWindowY();
