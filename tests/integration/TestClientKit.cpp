@@ -1,18 +1,13 @@
 // The client kit as a middleware author meets it: installed into a staging
-// directory (DESTDIR), each public header compiled alone in C and C++, and
-// the C example built through pkg-config and CMake find_package, then run.
-// The rows run in order; each builds on the ones before.
-#include <QDir>
-#include <QProcess>
+// directory, each public header compiled alone in C and C++, the C example
+// built through pkg-config and CMake find_package, then run. Rows build on
+// the ones before.
 #include <QtTest>
 
 namespace {
 
-const QString Build = QStringLiteral(ZRUI_KIT_BUILD_DIR);
-const QString Work = Build + QStringLiteral("/test-output/client-kit");
-const QString Stage = Work + QStringLiteral("/stage");
-const QString Prefix = Stage + QStringLiteral(ZRUI_KIT_PREFIX);
-const QString LibDir = Prefix + QStringLiteral("/" ZRUI_KIT_LIBDIR);
+const QString Build = ZRUI_KIT_BUILD_DIR, Work = Build + "/test-output/client-kit";
+const QString Stage = Work + "/stage", Prefix = Stage + ZRUI_KIT_PREFIX;
 
 } // namespace
 
@@ -28,67 +23,56 @@ private slots:
 
 void TestClientKit::testStep_data()
 {
-    QTest::addColumn<QString>("program");
-    QTest::addColumn<QStringList>("args");
+    QTest::addColumn<QStringList>("command");
     QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QByteArray>("output"); // must appear in stdout/stderr
-    const auto row = [](const QString &name, const QString &program, const QStringList &args,
-                        int code = 0, const QByteArray &out = QByteArray()) {
-        QTest::newRow(qPrintable(name)) << program << args << code << out;
+    const auto row = [](const QString &name, const QStringList &command, int code = 0) {
+        QTest::newRow(qPrintable(name)) << command << code;
     };
     for (const QString component : {"client", "client-dev"})
-        row("install " + component, "cmake", {"--install", Build, "--component", component});
+        row("install " + component, {"cmake", "--install", Build, "--component", component});
     for (const QString header : {"client", "protocol"}) {
-        const QString probe = Work + "/alone_" + header + ".c";
-        QFile f(probe);
-        if (f.open(QIODevice::WriteOnly))
-            f.write("#include <zrui/" + header.toUtf8()
-                    + ".h>\nint main(void) { return UI_OK + ZRUI_PIN_VERIFY_USER; }\n");
-        const QStringList common{"-Wall", "-Werror", "-I" + Prefix + "/include", "-c", probe};
-        row(header + ".h alone in C", "cc",
-            QStringList{"-std=c99", "-pedantic"} + common + QStringList{"-o", Work + "/c.o"});
-        row(header + ".h alone in C++", "c++",
-            QStringList{"-std=c++17", "-x", "c++"} + common + QStringList{"-o", Work + "/cxx.o"});
+        const QString use = "#include <zrui/" + header
+                            + ".h>\nint main(void) { return UI_OK + ZRUI_PIN_VERIFY_USER; }";
+        for (const QString compiler : {"cc -std=c99 -pedantic -x c", "c++ -std=c++17 -x c++"})
+            row(header + ".h alone: " + compiler,
+                {"sh", "-c",
+                 "echo \"$0\" | " + compiler + " -Wall -Werror -I\"$1\" -c - -o /dev/null", use,
+                 Prefix + "/include"});
     }
-    const QString example = QStringLiteral(ZRUI_KIT_SOURCE_DIR "/examples/verify-pin");
-    row("build through pkg-config", "sh",
-        {"-c", "cc -Wall -Werror \"$0\" $(pkg-config --cflags --libs zrui-client) -o \"$1\"",
+    const QString example = ZRUI_KIT_SOURCE_DIR "/examples/verify-pin";
+    row("build through pkg-config",
+        {"sh", "-c", "cc -Wall -Werror \"$0\" $(pkg-config --cflags --libs zrui-client) -o \"$1\"",
          example + "/verify_pin.c", Work + "/verify_pin_pc"});
-    row("configure through find_package", "cmake",
-        {"-S", example, "-B", Work + "/example", "-DCMAKE_PREFIX_PATH=" + Prefix});
-    row("build through find_package", "cmake", {"--build", Work + "/example"});
-    // No server under that name: the example runs, links and says so.
+    row("configure through find_package",
+        {"cmake", "-S", example, "-B", Work + "/example", "-DCMAKE_PREFIX_PATH=" + Prefix});
+    row("build through find_package", {"cmake", "--build", Work + "/example"});
+    // No server under that name: the example runs, links and says so (exit 1).
     for (const QString exe : {"/verify_pin_pc", "/example/verify_pin"})
-        row("run " + exe, Work + exe, {"zrui-kit-no-such-server"}, 1,
-            "verify_pin: ZRUI_E_NOSERVER");
+        row("run " + exe, {Work + exe, "zrui-kit-no-such-server"}, 1);
 }
 
 void TestClientKit::testStep()
 {
-    QFETCH(QString, program);
-    QFETCH(QStringList, args);
+    QFETCH(QStringList, command);
     QFETCH(int, exitCode);
-    QFETCH(QByteArray, output);
 #ifdef ZRUI_SANITIZED
-    // The example is an ordinary program; the staged library of a sanitizer build needs the
-    // sanitizer runtime loaded first. The normal build runs these rows.
-    if (QFileInfo(program).fileName().startsWith(QLatin1String("verify_pin")))
+    // The staged library of a sanitizer build needs the sanitizer runtime the example lacks.
+    if (exitCode == 1)
         QSKIP("the example is not built with the sanitizer runtime its library needs");
 #endif
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert("DESTDIR", Stage);
-    // The staged .pc names the final prefix; the sysroot maps it into the stage.
-    env.insert("PKG_CONFIG_SYSROOT_DIR", Stage);
-    env.insert("PKG_CONFIG_PATH", LibDir + "/pkgconfig");
-    env.insert("LD_LIBRARY_PATH", LibDir);
+    env.insert("PKG_CONFIG_SYSROOT_DIR", Stage); // the staged .pc names the final prefix
+    env.insert("PKG_CONFIG_PATH", Prefix + "/" ZRUI_KIT_LIBDIR "/pkgconfig");
+    env.insert("LD_LIBRARY_PATH", Prefix + "/" ZRUI_KIT_LIBDIR);
     QProcess p;
     p.setProcessEnvironment(env);
     p.setProcessChannelMode(QProcess::MergedChannels);
-    p.start(program, args);
-    QVERIFY2(p.waitForFinished(120000), qPrintable(program + " did not finish"));
+    p.start(command.takeFirst(), command);
+    QVERIFY(p.waitForFinished(120000));
     const QByteArray out = p.readAll();
     QVERIFY2(p.exitStatus() == QProcess::NormalExit && p.exitCode() == exitCode, out.constData());
-    QVERIFY2(out.contains(output), out.constData());
+    QVERIFY2(exitCode == 0 || out.contains("verify_pin: ZRUI_E_NOSERVER"), out.constData());
 }
 
 QTEST_GUILESS_MAIN(TestClientKit)

@@ -1,37 +1,33 @@
-// Start-up of the real executable with the stand-in token stack: every
-// failure exits 0 after exactly one warning line and no later step, and tells
-// the person who started it on stderr what to fix; a good start listens.
+// The real executable as a process: each start-up failure exits 0 after one
+// warning line and no later step; a good start listens, on a socket of its
+// own or one handed over by the service manager; the PINs stay in memory.
 #include "LogFile.h"
 #include "ServerLauncher.h"
+#include "client/zrui_client.h"
 
-#include <QFile>
-#include <QFileInfo>
 #include <QtTest>
+
+#include <csignal>
+#include <sys/resource.h>
 
 namespace {
 
-const QStringList failTexts{"cannot find ZRUIConf.ini! exited",
+const QStringList kFailures{"cannot find ZRUIConf.ini! exited",
                             "LoadLib_ZRKAPI failed, exit",
                             "LoadLib_Alg Failed!",
                             "LoadLib_Aux Failed!",
                             "AuxLoadKestrovaIni Failed!",
                             "cannot find resources.rcc! exited",
                             "Integrity Protect Failed!"};
+const QString kTokenLibs = qEnvironmentVariable("ZRUI_TOKENSIM_DIR"); // ends with "/"
+enum Setup { AuxFails = 1, WorkConfig = 2, CopyToWork = 4, FlipBin = 8, FlipWork = 16, NoRcc = 32 };
 
-bool flipByte(const QString &path, qint64 offset) // offset < 0: from the end
+bool flipLastByte(const QString &path)
 {
     QFile file(path);
     char c = 0;
-    offset = offset < 0 ? file.size() + offset : offset;
-    return file.open(QIODevice::ReadWrite) && file.seek(offset) && file.getChar(&c)
-           && file.seek(offset) && file.putChar(char(c ^ 0x01));
-}
-
-QString canonical(const QString &dir) { return QFileInfo(dir).canonicalFilePath(); }
-
-QString fill(QString text, const ServerLauncher &s) // %1 bin, %2 working directory
-{
-    return text.replace("%1", s.binDir()).replace("%2", canonical(s.workDir()));
+    return file.open(QIODevice::ReadWrite) && file.seek(file.size() - 1) && file.getChar(&c)
+           && file.seek(file.size() - 1) && file.putChar(char(c ^ 0x01));
 }
 
 } // namespace
@@ -39,145 +35,189 @@ QString fill(QString text, const ServerLauncher &s) // %1 bin, %2 working direct
 class TestStartup : public QObject
 {
     Q_OBJECT
+
 private slots:
     void init() { QVERIFY(LogFile::clear()); }
-    void testFailures_data();
-    void testFailures();
-    void testValidStartListens();
-    void testWorkingDirectoryResourceWins();
+    void testStart_data();
+    void testStart();
+    void testSocketActivation_data();
+    void testSocketActivation();
+    void testSecretsStayInMemory();
 };
 
-void TestStartup::testFailures_data()
+void TestStartup::testStart_data()
 {
-    QTest::addColumn<QString>("scenario");
-    QTest::addColumn<QString>("warning");
-    QTest::addColumn<QString>("line"); // absent, or with "+" present; %1 bin, %2 working dir
-    QTest::addColumn<QString>("hint"); // on stderr after "ZRUIServer: "; %1 bin, %2 working dir
-    QTest::newRow("no configuration file")
-            << "noconfig"
-            << "cannot find ZRUIConf.ini! exited"
-            << "SAFEPATH Settings:"
-            << "no configuration file at %2/ZRUIConf.ini or %1/ZRUIConf.ini";
-    QTest::newRow("SAFEPATH without the libraries")
-            << "nolibs"
-            << "LoadLib_ZRKAPI failed, exit"
-            << "resources.rcc:"
-            << "cannot load the token library /nonexistent/libzrkapi.so: set SAFEPATH in "
-               "%1/ZRUIConf.ini";
-    QTest::newRow("SAFEPATH without trailing slash") << "noslash"
-                                                     << "LoadLib_ZRKAPI failed, exit"
-                                                     << "resources.rcc:" << QString();
-    // The working directory's configuration wins over the one beside the executable.
-    QTest::newRow("failing configuration in the working directory")
-            << "workconfig"
-            << "LoadLib_ZRKAPI failed, exit"
-            << "+SAFEPATH Settings: \"ZRUIConf.ini\" \"%2/ZRUIConf.ini\"" << QString();
-    QTest::newRow("algorithm library lacks its last entry point") << "nolastalg"
-                                                                  << "LoadLib_Alg Failed!"
-                                                                  << "resources.rcc:" << QString();
-    QTest::newRow("auxiliary library gives no record") << "auxfail"
-                                                       << "AuxLoadKestrovaIni Failed!"
-                                                       << "resources.rcc:" << QString();
-    QTest::newRow("one byte changed in resources.rcc")
-            << "flipped"
-            << "Integrity Protect Failed!"
-            << "configuration: softkeyboard=" << QString();
-    // A changed copy in the working directory is checked, not the registered one.
-    QTest::newRow("one byte changed in the working directory's resources.rcc")
-            << "flippedwork"
-            << "Integrity Protect Failed!"
-            << "+resources.rcc: \"%2/\"" << QString();
-    QTest::newRow("no resources.rcc anywhere") << "norcc"
-                                               << "cannot find resources.rcc! exited"
-                                               << "resources.rcc:"
-                                               << "no resource file at";
+    QTest::addColumn<QString>("safePath"); // null: no ZRUIConf.ini
+    QTest::addColumn<int>("setup");
+    QTest::addColumn<QString>("warning"); // empty: the start succeeds
+    QTest::addColumn<QStringList>("lines"); // "+" logged, "-" no line holds it; %1 bin, %2 work
+    QTest::addColumn<QString>("hint"); // on stderr after "ZRUIServer: "
+    const QString noSlash = kTokenLibs.chopped(1);
+    const auto row = [](const char *name, const QString &safePath, int setup, const char *warning,
+                        const QStringList &lines, const QString &hint = {}) {
+        QTest::newRow(name) << safePath << setup << QString(warning) << lines << hint;
+    };
+    row("valid start", kTokenLibs, 0, "",
+        {"+resourcefile= \"%1/resources.rcc\"", "+libraryBaseDir =  \"" + kTokenLibs + "\"",
+         "+resources.rcc: \"%1/\"", "+locale= \"C\"", "+trans file= \":/uiserver.C.qm\"",
+         "+trans file= \":/uiserver.en.qm\""}); // no file for "C": English
+    row("no configuration file", {}, 0, "cannot find ZRUIConf.ini! exited", {"-SAFEPATH Settings:"},
+        "no configuration file at %2/ZRUIConf.ini or %1/ZRUIConf.ini");
+    row("SAFEPATH without the libraries", "/nonexistent/", 0, "LoadLib_ZRKAPI failed, exit",
+        {"-resources.rcc:"},
+        "cannot load the token library /nonexistent/libzrkapi.so: set SAFEPATH in "
+        "%1/ZRUIConf.ini");
+    row("SAFEPATH without trailing slash", noSlash, 0, "LoadLib_ZRKAPI failed, exit",
+        {"-resources.rcc:"});
+    row("failing configuration in the working directory wins", kTokenLibs, WorkConfig,
+        "LoadLib_ZRKAPI failed, exit",
+        {"+SAFEPATH Settings: \"ZRUIConf.ini\" \"%2/ZRUIConf.ini\""});
+    row("algorithm library lacks its last entry point",
+        ServerLauncher::buildDir() + "/tokenlib-variants/no-last-alg/", 0, "LoadLib_Alg Failed!",
+        {"-resources.rcc:"});
+    row("auxiliary library gives no record", kTokenLibs, AuxFails, "AuxLoadKestrovaIni Failed!",
+        {"-resources.rcc:"});
+    row("one byte changed in resources.rcc", kTokenLibs, FlipBin, "Integrity Protect Failed!",
+        {"-configuration: softkeyboard="});
+    row("one byte changed in the working directory's copy", kTokenLibs, CopyToWork | FlipWork,
+        "Integrity Protect Failed!", {"+resources.rcc: \"%2/\""});
+    row("good copy in the working directory wins", kTokenLibs, CopyToWork | FlipBin, "",
+        {"+resources.rcc: \"%2/\""});
+    row("no resources.rcc anywhere", kTokenLibs, NoRcc, "cannot find resources.rcc! exited",
+        {"-resources.rcc:"}, "no resource file at");
 }
 
-void TestStartup::testFailures()
+void TestStartup::testStart()
 {
-    QFETCH(QString, scenario);
+    QFETCH(QString, safePath);
+    QFETCH(int, setup);
     QFETCH(QString, warning);
-    QFETCH(QString, line);
+    QFETCH(QStringList, lines);
     QFETCH(QString, hint);
-    QString noSlash = qEnvironmentVariable("ZRUI_TOKENSIM_DIR");
-    noSlash.chop(1);
     ServerLauncher server;
-    if (scenario == "noconfig")
-        server.setSafePath(QString());
-    else if (scenario == "nolibs")
-        server.setSafePath(QStringLiteral("/nonexistent/"));
-    else if (scenario == "noslash")
-        server.setSafePath(noSlash);
-    else if (scenario == "nolastalg")
-        server.setSafePath(ServerLauncher::buildDir() + "/tokenlib-variants/no-last-alg/");
-    else if (scenario == "auxfail")
-        server.setTokenSimIni("[token]\npresent=1\n[aux]\nfail=1\n");
-    server.setCopyResources(scenario != "norcc");
+    server.setSafePath(safePath);
     QVERIFY2(server.prepare(), qPrintable(server.errorString()));
-    const QString rcc = server.binDir() + "/resources.rcc";
-    if (scenario == "flipped")
-        QVERIFY(flipByte(rcc, QFileInfo(rcc).size() / 2));
-    if (scenario == "workconfig")
-        QVERIFY(server.writeFile("work/ZRUIConf.ini", "SAFEPATH=" + noSlash.toUtf8() + "\n"));
-    if (scenario == "flippedwork") {
-        QVERIFY(server.copyFile(rcc, "work/resources.rcc"));
-        QVERIFY(server.copyFile(server.binDir() + "/integrityprotect.ini",
-                                "work/integrityprotect.ini"));
-        QVERIFY(flipByte(server.workDir() + "/resources.rcc", 10));
+    const QString bin = QFileInfo(server.binDir()).canonicalFilePath();
+    const QString work = QFileInfo(server.workDir()).canonicalFilePath();
+    if (setup & AuxFails) {
+        QVERIFY(server.writeFile("bin/tokensim.ini", "[token]\npresent=1\n[aux]\nfail=1\n"));
+        server.setEnv("ZRTOKENSIM_CONF", bin + "/tokensim.ini");
     }
+    QVERIFY(!(setup & WorkConfig) || server.writeFile("work/ZRUIConf.ini", "SAFEPATH=/x\n"));
+    for (const QString file : {"/resources.rcc", "/integrityprotect.ini"})
+        QVERIFY(!(setup & CopyToWork) || QFile::copy(bin + file, work + file));
+    QVERIFY(!(setup & FlipBin) || flipLastByte(bin + "/resources.rcc"));
+    QVERIFY(!(setup & FlipWork) || flipLastByte(work + "/resources.rcc"));
+    QVERIFY(!(setup & NoRcc) || QFile::remove(bin + "/resources.rcc"));
 
     QVERIFY2(server.start(), qPrintable(server.errorString()));
-    QVERIFY2(server.waitForExit(20000), "the process did not end by itself");
-    const QString err = QString::fromUtf8(server.output());
-    QVERIFY2(server.exitStatus() == QProcess::NormalExit && server.exitCode() == 0,
-             qPrintable(err));
-    const QStringList messages = LogFile::messages();
-    QCOMPARE(messages.count(warning), 1);
-    for (const QString &other : failTexts)
-        QVERIFY2(other == warning || !messages.contains(other), qPrintable(other));
-    // Nothing after the warning: no later step, no window, no socket.
-    QCOMPARE(messages.last(), warning);
-    QVERIFY(!ServerLauncher::isListening(server.socketName()));
-    if (line.startsWith('+'))
-        QVERIFY2(messages.contains(fill(line.mid(1), server)), qPrintable(line));
-    else
-        QVERIFY2(messages.filter(line).isEmpty() && messages.filter("genPipeName:").isEmpty(),
-                 qPrintable(line));
-    if (!hint.isEmpty()) {
-        QVERIFY2(err.contains("ZRUIServer: " + fill(hint, server)), qPrintable(err));
-        QCOMPARE(err.count(QStringLiteral("ZRUIServer: ")), 1); // one sentence
+    if (warning.isEmpty()) {
+        QVERIFY2(server.waitForListening(20000), qPrintable(server.errorString()));
+        QVERIFY(LogFile::waitForLine("genPipeName:"));
+    } else {
+        QVERIFY2(server.waitForExit(20000), "the process did not end by itself");
+        QCOMPARE(server.process().exitStatus(), QProcess::NormalExit);
+        QCOMPARE(server.process().exitCode(), 0);
+        QVERIFY(!ServerLauncher::isListening(server.socketName()));
     }
-}
-
-void TestStartup::testValidStartListens()
-{
-    ServerLauncher server;
-    QVERIFY2(server.start() && server.waitForListening(20000), qPrintable(server.errorString()));
-    QVERIFY(LogFile::waitForLine(QStringLiteral("genPipeName:")));
     const QStringList messages = LogFile::messages();
-    for (const QString &text : failTexts)
-        QVERIFY2(!messages.contains(text), qPrintable(text));
-    const QString bin = canonical(server.binDir());
-    QVERIFY(messages.contains(QStringLiteral("resourcefile= \"%1/resources.rcc\"").arg(bin)));
-    QVERIFY(messages.contains(QStringLiteral("libraryBaseDir =  \"%1\"")
-                                      .arg(qEnvironmentVariable("ZRUI_TOKENSIM_DIR"))));
-    QVERIFY(messages.contains(QStringLiteral("resources.rcc: \"%1/\"").arg(bin)));
-    // LANG=C.UTF-8: locale "C", whose file falls back to English.
-    QVERIFY(messages.contains(QStringLiteral("locale= \"C\"")));
-    QCOMPARE(messages.count(QStringLiteral("trans file= \":/uiserver.C.qm\"")), 1);
-    QCOMPARE(messages.count(QStringLiteral("trans file= \":/uiserver.en.qm\"")), 1);
+    for (const QString &failure : kFailures)
+        QCOMPARE(messages.count(failure), int(failure == warning));
+    QVERIFY(warning.isEmpty() || messages.last() == warning); // no later step
+    for (QString line : lines) {
+        line.replace("%1", bin).replace("%2", work);
+        QVERIFY2(line.startsWith('+') ? messages.contains(line.mid(1))
+                                      : messages.filter(line.mid(1)).isEmpty(),
+                 qPrintable(line));
+    }
+    const QString err = server.output();
+    hint.replace("%1", bin).replace("%2", work);
+    QVERIFY2(hint.isEmpty() || err.contains("ZRUIServer: " + hint), qPrintable(err));
+    QCOMPARE(err.count("ZRUIServer: "), int(!warning.isEmpty())); // one sentence per failure
 }
 
-// A good copy in the working directory passes, whatever the one beside the executable is.
-void TestStartup::testWorkingDirectoryResourceWins()
+void TestStartup::testSocketActivation_data()
 {
+    QTest::addColumn<QString>("suffix");
+    QTest::newRow("the server's own name") << QString();
+    QTest::newRow("another name: not taken for its own") << "x";
+}
+
+// systemd-socket-activate stands in for the user manager. Keep-alive of 2 s:
+// held off while a session is open, counted from its end; only a passed socket
+// with the receive time-out lets the accept loop notice.
+void TestStartup::testSocketActivation()
+{
+    QFETCH(QString, suffix);
     ServerLauncher server;
+    server.useResourceVariant("keepalive2");
     QVERIFY2(server.prepare(), qPrintable(server.errorString()));
-    for (const QString file : {"/resources.rcc", "/integrityprotect.ini"})
-        QVERIFY(server.copyFile(server.binDir() + file, "work" + file));
-    QVERIFY(flipByte(server.binDir() + "/resources.rcc", -1));
-    QVERIFY2(server.start() && server.waitForListening(20000), qPrintable(server.errorString()));
-    QVERIFY(!LogFile::contains(QStringLiteral("Integrity Protect Failed!")));
+    const QString app = server.appName() + suffix, name = app + QString::number(getuid());
+    QProcess activator; // it hands the program only the variables named with -E
+    QStringList args{"-l", '@' + name, server.executablePath()};
+    for (const QString var : {"QT_QPA_PLATFORM", "LC_ALL", "ASAN_OPTIONS", "LSAN_OPTIONS",
+                              "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+        args = qEnvironmentVariableIsSet(qPrintable(var)) ? QStringList{"-E", var} + args : args;
+    activator.setWorkingDirectory(server.workDir());
+    activator.start("systemd-socket-activate", args);
+    QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(name), 10000);
+    QVERIFY(!LogFile::contains("genPipeName:")); // started on demand
+    zrui_conn *h = nullptr, *own = nullptr;
+    QCOMPARE(zrui_open(qPrintable(app), &h), int(ZRUI_OK));
+    QElapsedTimer clock;
+    if (suffix.isEmpty()) {
+        QCOMPARE(zrui_begin_session(h, 1), int(ZRUI_OK));
+        for (clock.start(); clock.elapsed() < 4500; QTest::qWait(100))
+            QCOMPARE(activator.state(), QProcess::Running); // the program runs in its place
+        QCOMPARE(zrui_end_session(h), int(ZRUI_OK));
+    } else {
+        QTRY_VERIFY_WITH_TIMEOUT(ServerLauncher::isListening(server.socketName()), 15000);
+        QCOMPARE(zrui_open(qPrintable(server.appName()), &own), int(ZRUI_OK));
+        QVERIFY(zrui_begin_session(own, 1) == ZRUI_OK && zrui_end_session(own) == ZRUI_OK);
+        zrui_close(own);
+    }
+    clock.start();
+    zrui_close(h);
+    QVERIFY(activator.waitForFinished(30000));
+    QVERIFY(clock.elapsed() >= 1900);
+    QCOMPARE(activator.exitCode(), 0);
+    const QStringList messages = LogFile::messages();
+    const int stop = messages.indexOf("StopPipeListening");
+    QVERIFY(stop >= 0 && stop < messages.indexOf("Pipe Listening Exited, Exit Application"));
+    QCOMPARE(!messages.filter(" handed over by the service manager").isEmpty(), suffix.isEmpty());
+    QCOMPARE(!messages.filter("is not a listening socket on @").isEmpty(), !suffix.isEmpty());
+    QCOMPARE(messages.count("bind() failed"), 0);
+}
+
+// The PIN hand-off buffer (8448 bytes: three pages at least) is locked out of
+// swap, and where an ordinary process leaves a core file the server leaves none.
+void TestStartup::testSecretsStayInMemory()
+{
+    rlimit saved;
+    QCOMPARE(getrlimit(RLIMIT_CORE, &saved), 0);
+    const rlimit cores = {saved.rlim_max, saved.rlim_max};
+    QCOMPARE(setrlimit(RLIMIT_CORE, &cores), 0); // inherited by the processes started below
+    const auto restore = qScopeGuard([&saved] { setrlimit(RLIMIT_CORE, &saved); });
+    ServerLauncher server;
+    QVERIFY2(server.start() && server.waitForListening(), qPrintable(server.errorString()));
+#ifndef ZRUI_SANITIZED // the sanitizer runtimes turn mlock into a no-op
+    QFile status(QString("/proc/%1/status").arg(server.process().processId()));
+    QVERIFY(status.open(QIODevice::ReadOnly));
+    const QByteArray all = status.readAll();
+    QVERIFY2(all.mid(all.indexOf("\nVmLck:") + 8).trimmed().split(' ').value(0).toInt() >= 12, all);
+#endif
+    const auto leavesCore = [](QProcess &process, const QString &dir) {
+        ::kill(pid_t(process.processId()), SIGABRT);
+        process.waitForFinished(10000);
+        return !QDir(dir).entryList({"core*"}, QDir::Files).isEmpty();
+    };
+    QTemporaryDir controlDir;
+    QProcess control;
+    control.setWorkingDirectory(controlDir.path());
+    control.start("sleep", {"60"});
+    if (!control.waitForStarted() || !leavesCore(control, controlDir.path()))
+        QSKIP("no core file from an ordinary process here (core size limit or core_pattern)");
+    QVERIFY(!leavesCore(server.process(), server.workDir()));
 }
 
 QTEST_GUILESS_MAIN(TestStartup)
