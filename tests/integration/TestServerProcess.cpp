@@ -283,9 +283,7 @@ void TestServerProcess::testConnectionDeadlines_data()
     QTest::addColumn<QByteArray>("last"); // sent unanswered; with a window up: after the idle time
     QTest::addColumn<QString>("line"); // why the server ended the connection; empty: it did not
     const QByteArray pin = packet(REQ_PIN_Show, u32(0)), get = packet(REQ_PIN_GetPIN);
-    unsigned char box[COMMPACK_MAX_DATA];
-    quint32 boxLen = 0;
-    zrui_build_message_box(0, kBoxTitle, "left alone", box, sizeof box, &boxLen);
+    const QByteArray box = u32(0) + kBoxTitle + '\0' + "left alone" + '\0'; // text after title
     const auto row = [](const char *name, const QByteArrayList &steps, const QByteArray &last,
                         const QString &line) { QTest::newRow(name) << steps << last << line; };
     row("connect, send nothing", {}, {}, kIdle);
@@ -304,8 +302,7 @@ void TestServerProcess::testConnectionDeadlines_data()
     row("PIN dialog unanswered", {kBegin, pin}, get, {});
     row("list unanswered", {kBegin, packet(REQ_List_Show, u32(0) + QByteArray("a|b", 4))},
         packet(REQ_List_GetSel), {});
-    row("message box, client leaves", {kBegin},
-        packet(REQ_MessageBox, QByteArray(reinterpret_cast<char *>(box), int(boxLen))), kGone);
+    row("message box, client leaves", {kBegin}, packet(REQ_MessageBox, box), kGone);
     row("PIN retry box, client leaves", {kBegin, pin, get}, packet(REQ_PIN_Retry, u32(3)), kGone);
 }
 
@@ -428,36 +425,33 @@ void TestServerProcess::testTakenName()
 
 void TestServerProcess::testCli_data()
 {
-    QTest::addColumn<QStringList>("args"); // "--server <app>" first unless the row names one
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("output"); // a part of stdout and stderr
-    const auto row = [](const char *name, const QStringList &args, int code, const QString &out) {
-        QTest::newRow(name) << args << code << out;
+    QTest::addColumn<QStringList>("args"); // "--server <app>" first unless the row names one
+    const auto row = [](const char *name, int code, const QString &out, const QString &args) {
+        QTest::newRow(name) << code << out << args.split(' ');
     };
-    row("session begin end", {"session", "begin", "end"}, 0, "end -> ZRUI_OK\n");
+    row("session begin end", 0, "end -> ZRUI_OK\n", "session begin end");
     // Not allowed as the first request: response 3, the connection gone.
-    row("state error", {"session", "end"}, 4, "end -> ZRUI_E_STATE\n");
-    row("reserved 12 closes", {"session", "begin", "op=12"}, 8, "op=12 -> ZRUI_E_CLOSED\n");
+    row("state error", 4, "end -> ZRUI_E_STATE\n", "session end");
+    row("reserved 12 closes", 8, "op=12 -> ZRUI_E_CLOSED\n", "session begin op=12");
     // Type 1 is answered by the GUI thread: wait for it, then ask raw.
-    row("raw list selection", {"session", "begin", "list-show=1:a\\nb", "list-wait", "op=11"}, 0,
-        "op=11 -> ZRUI_OK response 0 datalen 4 data ff ff ff ff\n");
-    row("list type 1", {"list", "--type", "1", "A", "B"}, 0, "REQ_List_GetSel -> ZRUI_OK index -1");
+    row("raw list selection", 0, "op=11 -> ZRUI_OK response 0 datalen 4 data ff ff ff ff\n",
+        "session begin list-show=1:a\\nb list-wait op=11");
+    row("list type 1", 0, "REQ_List_GetSel -> ZRUI_OK index -1", "list --type 1 A B");
     // Nobody answers offscreen: the deadline ends the wait with its own code.
-    row("pin time-out", {"pin", "verify", "--timeout", "0.5"}, 7,
-        "REQ_PIN_GetPIN -> ZRUI_E_TIMEOUT");
-    row("unattended demo", {"demo", "--unattended"}, 0, "  REQ_Waiting_Finish -> ZRUI_OK\n");
+    row("pin time-out", 7, "REQ_PIN_GetPIN -> ZRUI_E_TIMEOUT", "pin verify --timeout 0.5");
+    row("unattended demo", 0, "  REQ_Waiting_Finish -> ZRUI_OK\n", "demo --unattended");
     // Another program holds a session meanwhile.
-    row("busy", {"message", "--text", "PIN_Locked", "--timeout", "0.5"}, 11,
-        "busy with another program");
-    row("unknown command", {"frobnicate"}, 2, "zrui-cli: ");
-    row("help of a command", {"session", "--help"}, 0,
-        "Usage: zrui-cli [--server NAME] [--json] session");
-    row("globals after the command, no server",
-        {"message", "--json", "--text", "x", "--server", "zrui-no-such-server"}, 6, "\"exit\": 6");
-    row("globals between the command's words",
-        {"session", "--server=" + cliServer.appName(), "begin", "list-show=1:x", "--json",
-         "list-wait", "end"},
-        0, "\"index\": -1,\n            \"request\": \"list-wait\"");
+    row("busy", 11, "busy with another program", "message --text PIN_Locked --timeout 0.5");
+    row("unknown command", 2, "zrui-cli: ", "frobnicate");
+    row("help of a command", 0, "Usage: zrui-cli [--server NAME] [--json] session",
+        "session --help");
+    row("globals after the command, no server", 6, "\"exit\": 6",
+        "message --json --text x --server zrui-no-such-server");
+    row("globals between the command's words", 0,
+        "\"index\": -1,\n            \"request\": \"list-wait\"",
+        "session --server=" + cliServer.appName() + " begin list-show=1:x --json list-wait end");
 }
 
 void TestServerProcess::testCli()

@@ -14,11 +14,9 @@ inline bool clear() { return !QFile::exists(path()) || QFile::remove(path()); }
 inline QStringList lines() // without line feeds; empty without a file
 {
     QFile file(path());
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    QStringList result = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-    result.removeLast(); // the empty piece after the final line feed
-    return result;
+    return file.open(QIODevice::ReadOnly)
+                   ? QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
+                   : QStringList();
 }
 inline QString messageOf(const QString &line) // the line unchanged without a stamp
 {
@@ -28,9 +26,9 @@ inline QString messageOf(const QString &line) // the line unchanged without a st
 }
 inline QStringList messages() // the text after "] " of every line
 {
-    QStringList result;
-    for (const QString &line : lines())
-        result << messageOf(line);
+    QStringList result = lines();
+    for (QString &line : result)
+        line = messageOf(line);
     return result;
 }
 inline int countExact(const QString &text) { return messages().count(text); }
