@@ -1,7 +1,8 @@
 // The real executable as a process (under Xvfb): start-up and its failures,
 // socket activation and idle exit, secrets kept in memory, stalled, vanishing
-// and foreign clients, a taken socket name, and zrui-cli against it. CTest
-// runs the slots as TestStartup, TestReliability and TestCli.
+// and foreign clients, a taken socket name, zrui-cli against it; and the
+// installed client kit. CTest runs the slots as TestStartup, TestReliability,
+// TestCli and TestClientKit.
 #include "LogFile.h"
 #include "ServerLauncher.h"
 #include "XDoTool.h"
@@ -38,6 +39,8 @@ const QString kIdle = "connection idle for 2 s with no window open, closed";
 const QString kGone = "client gone while waiting for the message answer, message closed";
 const QString kUnread = "client does not take its responses, connection closed";
 const char *const kBoxTitle = "USBKey password error"; // the retry box's own title
+const QString kKit = ZRUI_KIT_BUILD_DIR "/test-output/client-kit", kStage = kKit + "/stage";
+const QString kPrefix = kStage + ZRUI_KIT_PREFIX, kLibDir = kPrefix + "/" ZRUI_KIT_LIBDIR;
 
 QByteArray u32(quint32 v) { return QByteArray(reinterpret_cast<const char *>(&v), 4); }
 QByteArray packet(quint32 op, const QByteArray &data = {}, int claimedLen = -1)
@@ -107,6 +110,8 @@ private slots:
     void testTakenName();
     void testCli_data();
     void testCli();
+    void testClientKit_data();
+    void testClientKit();
 
 private:
     bool start() { return server->start() && server->waitForListening(); }
@@ -472,6 +477,62 @@ void TestServerProcess::testCli()
     const QByteArray out = cli.readAll();
     QVERIFY2(ended && cli.exitCode() == exitCode, out.constData());
     QVERIFY2(out.contains(output.toUtf8()), out.constData());
+}
+
+void TestServerProcess::testClientKit_data()
+{
+    QTest::addColumn<QStringList>("command");
+    QTest::addColumn<int>("exitCode");
+    const auto row = [](const QString &name, const QStringList &command, int code = 0) {
+        QTest::newRow(qPrintable(name)) << command << code;
+    };
+    QVERIFY(QDir(kKit).removeRecursively() && QDir().mkpath(kKit));
+    for (const QString component : {"client", "client-dev"})
+        row("install " + component,
+            {"cmake", "--install", ZRUI_KIT_BUILD_DIR, "--component", component});
+    for (const QString header : {"client", "protocol"}) {
+        for (const QString cc : {"cc -std=c99 -pedantic -x c", "c++ -std=c++17 -x c++"})
+            row(header + ".h alone: " + cc,
+                {"sh", "-c", "echo \"$0\" | " + cc + " -Wall -Werror -I\"$1\" -c - -o /dev/null",
+                 "#include <zrui/" + header
+                         + ".h>\nint main(void) { return UI_OK + ZRUI_PIN_VERIFY_USER; }",
+                 kPrefix + "/include"});
+    }
+    const QString example = ZRUI_KIT_SOURCE_DIR "/examples/verify-pin";
+    row("build through pkg-config",
+        {"sh", "-c", "cc -Wall -Werror \"$0\" $(pkg-config --cflags --libs zrui-client) -o \"$1\"",
+         example + "/verify_pin.c", kKit + "/verify_pin_pc"});
+    row("configure through find_package",
+        {"cmake", "-S", example, "-B", kKit + "/example", "-DCMAKE_PREFIX_PATH=" + kPrefix});
+    row("build through find_package", {"cmake", "--build", kKit + "/example"});
+    // No server under that name: the example runs, links and says so (exit 1).
+    for (const QString exe : {"/verify_pin_pc", "/example/verify_pin"})
+        row("run " + exe, {kKit + exe, "zrui-kit-no-such-server"}, 1);
+}
+
+// The kit as a middleware author meets it, installed into a staging directory;
+// each row builds on the ones before.
+void TestServerProcess::testClientKit()
+{
+    QFETCH(QStringList, command);
+    QFETCH(int, exitCode);
+#ifdef ZRUI_SANITIZED
+    if (exitCode == 1) // the staged library needs the sanitizer runtime the example lacks
+        QSKIP("the example is not built with the sanitizer runtime its library needs");
+#endif
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert("DESTDIR", kStage);
+    env.insert("PKG_CONFIG_SYSROOT_DIR", kStage); // the staged .pc names the final prefix
+    env.insert("PKG_CONFIG_PATH", kLibDir + "/pkgconfig");
+    env.insert("LD_LIBRARY_PATH", kLibDir);
+    QProcess p;
+    p.setProcessEnvironment(env);
+    p.setProcessChannelMode(QProcess::MergedChannels);
+    p.start(command.takeFirst(), command);
+    QVERIFY(p.waitForFinished(120000));
+    const QByteArray out = p.readAll();
+    QVERIFY2(p.exitStatus() == QProcess::NormalExit && p.exitCode() == exitCode, out.constData());
+    QVERIFY2(exitCode == 0 || out.contains("verify_pin: ZRUI_E_NOSERVER"), out.constData());
 }
 
 QTEST_GUILESS_MAIN(TestServerProcess)
