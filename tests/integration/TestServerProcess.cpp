@@ -304,8 +304,9 @@ void TestServerProcess::testConnectionDeadlines_data()
     row("waiting window up",
         {kBegin, packet(REQ_Waiting_Show, u32(2) + QByteArray("1=30|0=wait.gif", 16))},
         packet(REQ_Waiting_Finish), {});
-    row("PIN dialog unanswered", {kBegin, pin}, get, {});
-    row("list unanswered", {kBegin, packet(REQ_List_Show, u32(0) + QByteArray("a|b", 4))},
+    row("PIN dialog unanswered, asked once", {kBegin, pin, get}, get, {});
+    row("list unanswered, asked once",
+        {kBegin, packet(REQ_List_Show, u32(0) + QByteArray("a|b", 4)), packet(REQ_List_GetSel)},
         packet(REQ_List_GetSel), {});
     row("message box, client leaves", {kBegin}, packet(REQ_MessageBox, box), kGone);
     row("PIN retry box, client leaves", {kBegin, pin, get}, packet(REQ_PIN_Retry, u32(3)), kGone);
