@@ -15,9 +15,3 @@ zrui_add_test(NAME TestService SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestService.c
 zrui_add_test(NAME TestSessionTable SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestSessionTable.cpp
   LIBS zrui_service_harness TIMEOUT 300)
 
-# The real executable as a process: second instance, idle exit, socket
-# activation (systemd-socket-activate), memory locking, no core dump.
-zrui_add_test(NAME TestServerProcess
-  SOURCES ${CMAKE_CURRENT_SOURCE_DIR}/TestServerProcess.cpp
-  LIBS zrui_testsupport zrui_client LOCKS uilog TIMEOUT 180)
-add_dependencies(TestServerProcess ZRUIServer zrui_tokensim zrui_resources zrui_test_resources)
