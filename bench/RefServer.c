@@ -1,16 +1,10 @@
-/*
- * Reference for the round-trip bench: the least a C helper must do for the
- * same packets. One client at a time; every request is answered 0, except
- * REQ_PIN_GetPIN, answered 4 (no result yet). Each request writes the same
- * 8 log lines as ZRUIServer, each with open/append/close.
- *
- * Usage: zrui_refserver SOCKETNAME LOGFILE
- */
+/* The least a C helper does for the same packets, one client at a time: 4 (no result yet) to
+ * REQ_PIN_GetPIN, 0 to the rest, and ZRUIServer's 8 log lines a request, each appended by
+ * open/write/close. Usage: zrui_refserver SOCKETNAME LOGFILE */
 #include "service/Protocol.h"
 
 #include <fcntl.h>
 #include <stdarg.h>
-#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -35,72 +29,49 @@ static void logLine(const char *fmt, ...)
     va_end(ap);
     line[n++] = '\n';
     int fd = open(logPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-        if (write(fd, line, (size_t)n) < 0) { }
-        close(fd);
-    }
+    if (fd < 0)
+        return;
+    if (write(fd, line, (size_t)n) != n) { } // a line lost, as in the server
+    close(fd);
 }
 
-static int readFull(int fd, unsigned char *p, size_t n)
+static const char *hex(const void *p)
 {
-    while (n > 0) {
-        ssize_t r = read(fd, p, n);
-        if (r <= 0)
-            return -1;
-        p += r;
-        n -= (size_t)r;
-    }
-    return 0;
-}
-
-static void hex(char *out, const unsigned char *p, size_t n)
-{
-    for (size_t i = 0; i < n; ++i)
-        sprintf(out + 2 * i, "%02X", p[i]);
+    static char out[2 * COMMPACK_HEADER_SIZE + 1];
+    for (int i = 0; i < COMMPACK_HEADER_SIZE; ++i)
+        sprintf(out + 2 * i, "%02X", ((const unsigned char *)p)[i]);
+    return out;
 }
 
 int main(int argc, char **argv)
 {
-    if (argc != 3)
-        return 2;
-    logPath = argv[2];
     struct sockaddr_un addr = {.sun_family = AF_UNIX};
-    size_t len = strlen(argv[1]);
+    size_t len = argc == 3 ? strlen(argv[1]) : sizeof addr.sun_path;
     if (len + 1 >= sizeof addr.sun_path)
         return 2;
+    logPath = argv[2];
     memcpy(addr.sun_path + 1, argv[1], len);
     int ls = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (ls < 0
-        || bind(ls, (struct sockaddr *)&addr,
-                (socklen_t)(offsetof(struct sockaddr_un, sun_path) + 1 + len))
-        || listen(ls, 8))
+    socklen_t size = (socklen_t)(sizeof addr.sun_family + 1 + len);
+    if (ls < 0 || bind(ls, (struct sockaddr *)&addr, size) || listen(ls, 8))
         return 1;
-    static unsigned char pack[COMMPACK_MAX_SIZE];
+    static unsigned char pack[COMMPACK_MAX_DATA];
     for (;;) {
         int c = accept(ls, NULL, NULL);
-        if (c < 0)
-            continue;
-        for (;;) {
+        for (COMMPACK req, resp = {0, 0};;) {
             logLine("RecvPack: RecvBuff......");
             logLine("RecvBuff: read ......");
-            COMMPACK req, resp;
-            if (readFull(c, pack, COMMPACK_HEADER_SIZE))
+            if (recv(c, &req, 8, MSG_WAITALL) != 8 || req.datalen > COMMPACK_MAX_DATA
+                || (req.datalen && recv(c, pack, req.datalen, MSG_WAITALL) != (ssize_t)req.datalen))
                 break;
-            memcpy(&req, pack, sizeof req);
-            if (req.datalen > COMMPACK_MAX_DATA || readFull(c, pack + 8, req.datalen))
-                break;
-            char text[2 * COMMPACK_HEADER_SIZE + 1];
-            hex(text, pack, COMMPACK_HEADER_SIZE);
-            logLine("RecvBuff: readed readlen= 8 ,data= \"%s\"", text);
+            logLine("RecvBuff: readed readlen= 8 ,data= \"%s\"", hex(&req));
             logLine("RecvPack: RecvBuff recvLen= 8 , sizeof(COMMPACK)= 8 , "
                     "((PCOMMPACK)pReqData)->datalen= %u",
                     req.datalen);
             logLine("RecvPack: RecvBuff final rcount= %u", 8 + req.datalen);
             logLine(req.operation == REQ_PIN_GetPIN ? "REQ_PIN_GetPIN " : "REQ_%u", req.operation);
             resp.operation = req.operation == REQ_PIN_GetPIN ? UI_NO_RESULT : UI_OK;
-            resp.datalen = 0;
-            hex(text, (const unsigned char *)&resp, sizeof resp);
-            logLine("SendBuff: Send \"%s\"", text);
+            logLine("SendBuff: Send \"%s\"", hex(&resp));
             if (write(c, &resp, sizeof resp) != (ssize_t)sizeof resp)
                 break;
             logLine("SendBuff: Sended writelen= 8");

@@ -1,7 +1,11 @@
 #pragma once
 
+#include "DialogFrame.h"
+
 #include <QString>
 #include <QWidget>
+
+class UiStatusHandler;
 
 namespace Ui {
 class CertListDialog;
@@ -15,7 +19,7 @@ class CertListDialog : public QWidget
 {
     Q_OBJECT
 public:
-    CertListDialog(QString list, QObject *service, float scale, QWidget *parent = nullptr);
+    CertListDialog(QString list, UiStatusHandler *service, float scale, QWidget *parent = nullptr);
     ~CertListDialog() override;
 
 private slots:
@@ -23,15 +27,12 @@ private slots:
     void on_pushButton_Cancel_clicked();
 
 protected:
-    void closeEvent(QCloseEvent *event) override;
-    void keyPressEvent(QKeyEvent *event) override;
-    void changeEvent(QEvent *event) override;
+    bool event(QEvent *e) override { return frame.event(e) || QWidget::event(e); }
 
 private:
-    void report(int status, int index);
+    void report(int status);
 
     Ui::CertListDialog *ui = nullptr;
-    QObject *service = nullptr;
-    // Set before the first status report, so a later window-manager close stays silent.
-    bool answered = false;
+    UiStatusHandler *service = nullptr;
+    DialogFrame frame{this};
 };

@@ -1,8 +1,12 @@
 #pragma once
 
+#include "DialogFrame.h"
+
 #include <QMap>
 #include <QString>
 #include <QWidget>
+
+class UiStatusHandler;
 
 namespace Ui {
 class MessageDialog;
@@ -16,8 +20,8 @@ class MessageDialog : public QWidget
 {
     Q_OBJECT
 public:
-    MessageDialog(QString title, QString message, unsigned long type, QObject *service, float scale,
-                  QWidget *parent = nullptr);
+    MessageDialog(QString title, QString message, unsigned long type, UiStatusHandler *service,
+                  float scale, QWidget *parent = nullptr);
     ~MessageDialog() override;
 
 private slots:
@@ -26,18 +30,14 @@ private slots:
     void on_pushButton_Cancel_clicked();
 
 protected:
-    void closeEvent(QCloseEvent *event) override;
-    void keyPressEvent(QKeyEvent *event) override;
-    void changeEvent(QEvent *event) override;
+    bool event(QEvent *e) override { return frame.event(e) || QWidget::event(e); }
 
 private:
     void makeStrMap();
     void report(int status);
 
     Ui::MessageDialog *ui = nullptr;
-    QObject *service = nullptr;
+    UiStatusHandler *service = nullptr;
     QMap<QString, QString> strMap;
-    unsigned long type = 0;
-    // Set before the first status report, so a later window-manager close stays silent.
-    bool answered = false;
+    DialogFrame frame{this};
 };

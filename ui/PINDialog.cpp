@@ -6,14 +6,13 @@
 #include "CapsLockState.h"
 #include "WindowActivation.h"
 #include "DialogAccessibility.h"
-#include "DialogKeys.h"
+#include "PinFieldReveal.h"
 #include "service/UiStatusHandler.h"
 
 #include <QAction>
 #include <QApplication>
-#include <QCloseEvent>
 #include <QDebug>
-#include <QGuiApplication>
+#include <QHash>
 #include <QHideEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -23,6 +22,7 @@
 #include <QMouseEvent>
 #include <QRegExp>
 #include <QRegularExpression>
+#include <QRegularExpressionValidator>
 #include <QScreen>
 #include <QTimer>
 #include <QToolTip>
@@ -126,9 +126,7 @@ QColor readableRed(const QColor &background)
     return red;
 }
 
-// An eye, struck through while the PIN is hidden; drawn in the text colour so
-// it reads on light and dark palettes alike.
-QIcon eyeIcon(const QColor &colour, bool struck)
+QIcon drawEyeIcon(const QColor &colour, bool struck)
 {
     QPixmap pixmap(32, 32);
     pixmap.fill(Qt::transparent);
@@ -147,6 +145,19 @@ QIcon eyeIcon(const QColor &colour, bool struck)
     return QIcon(pixmap);
 }
 
+// An eye, struck through while the PIN is hidden; drawn in the text colour so
+// it reads on light and dark palettes alike. Drawn once per colour: every
+// dialog shows three, and each new icon left its scaled copies in
+// QPixmapCache.
+QIcon eyeIcon(const QColor &colour, bool struck)
+{
+    static QHash<QPair<QRgb, bool>, QIcon> drawn;
+    QIcon &icon = drawn[qMakePair(colour.rgba(), struck)];
+    if (icon.isNull())
+        icon = drawEyeIcon(colour, struck);
+    return icon;
+}
+
 bool endsWalk(const QString &row, QChar c, QChar next)
 {
     const int pos = row.indexOf(c);
@@ -158,7 +169,7 @@ bool endsWalk(const QString &row, QChar c, QChar next)
 } // namespace
 
 PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible, unsigned long type,
-                     QObject *service, float scale, QWidget *parent)
+                     UiStatusHandler *service, float scale, QWidget *parent)
     : QWidget(parent)
     , ui(new Ui::PINDialog)
     , keyBoardMode(keyBoardMode)
@@ -292,7 +303,7 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     tabOrder << ui->pushButton_OK << ui->pushButton_Cancel;
     for (int i = 0; i + 1 < tabOrder.size(); ++i)
         setTabOrder(tabOrder.at(i), tabOrder.at(i + 1));
-    DialogKeys::addAccelerators({ui->pushButton_OK, ui->pushButton_Cancel});
+    frame.setButtons(ui->pushButton_OK, ui->pushButton_Cancel);
     // Screen readers name each field by its label.
     ui->label_oldPin->setBuddy(ui->lineEdit_oldPin);
     ui->label_newPin->setBuddy(ui->lineEdit_newPin);
@@ -310,41 +321,39 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     for (QLineEdit *edit : edits)
         edit->installEventFilter(this);
 
-    if (UiStatusHandler *handler = statusHandler()) {
-        pinMinLen = static_cast<unsigned int>(handler->GetPINMinLen());
-        pinMaxLen = static_cast<unsigned int>(handler->GetPINMaxLen());
-    }
+    pinMinLen = static_cast<unsigned int>(service->GetPINMinLen());
+    pinMaxLen = static_cast<unsigned int>(service->GetPINMaxLen());
+    static const QRegularExpression simpleKeys(QStringLiteral("[a-zA-Z0-9]*"));
     for (QLineEdit *edit : edits) {
         DialogAccessibility::markPinField(edit);
         edit->setMaxLength(static_cast<int>(pinMaxLen));
         edit->setContextMenuPolicy(Qt::NoContextMenu);
         // Nothing may be dropped into a PIN field.
         edit->setAcceptDrops(false);
+        // A refused key never enters the text, so no string holding it is left behind.
+        if (keyBoardMode == SimpleKeyBoard && edit != ui->lineEdit_oldPin)
+            edit->setValidator(new QRegularExpressionValidator(simpleKeys, edit));
     }
 
     for (QLineEdit *edit : edits)
         connect(edit, SIGNAL(returnPressed()), this, SLOT(on_pushButton_OK_clicked()));
 
-    // A show/hide toggle inside each field. A shown PIN is still never
-    // selected: a selection in clear text would land in the X selection.
+    // A show/hide toggle inside each field; shown, the field still holds
+    // its PIN in password echo (no copy to wipe, none to select).
     for (QLineEdit *edit : edits) {
         QAction *toggle = edit->addAction(QIcon(), QLineEdit::TrailingPosition);
         toggle->setObjectName(edit->objectName() + QStringLiteral("_show"));
         toggle->setCheckable(true);
-        connect(toggle, &QAction::toggled, this, [this, edit, toggle](bool shown) {
-            edit->setEchoMode(shown ? QLineEdit::Normal : QLineEdit::Password);
-            if (shown)
-                edit->deselect();
+        // The icon takes no focus: keyboard users toggle with a key instead.
+        toggle->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_H));
+        toggle->setShortcutContext(Qt::WidgetShortcut);
+        auto *reveal = new PinFieldReveal(edit);
+        connect(toggle, &QAction::toggled, this, [this, reveal, toggle](bool shown) {
+            reveal->setShown(shown);
             refreshShowToggle(toggle);
-        });
-        connect(edit, &QLineEdit::selectionChanged, edit, [edit]() {
-            if (edit->echoMode() == QLineEdit::Normal && edit->hasSelectedText())
-                edit->deselect();
         });
         refreshShowToggle(toggle);
     }
-
-    timer = new QTimer();
 
     QTimer::singleShot(500, this, &PINDialog::SetWindowAcitive);
 
@@ -355,16 +364,12 @@ PINDialog::PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible,
     setWindowFlags(Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowStaysOnTopHint);
     setAttribute(Qt::WA_ShowModal);
 
-    if (const QScreen *screen = QGuiApplication::primaryScreen()) {
-        const QSize desktop = screen->virtualSize();
-        move((desktop.width() - width()) / 2, (desktop.height() - height()) / 2);
-    }
+    frame.centre();
 }
 
 PINDialog::~PINDialog()
 {
     wipeInput();
-    delete timer;
     delete ui;
     ui = nullptr;
 }
@@ -427,24 +432,10 @@ void PINDialog::showRetryHint(const QString &reason)
     setComment(tr("Wrong PIN. %1").arg(reason));
 }
 
-UiStatusHandler *PINDialog::statusHandler() const
-{
-    UiStatusHandler *handler = dynamic_cast<UiStatusHandler *>(service);
-    if (!handler)
-        qWarning() << "PINDialog: service has no status handler";
-    return handler;
-}
-
 /// The translated annotation of `key` with the service's current length bounds.
 QString PINDialog::annotationText(const char *key) const
 {
-    int minLen = 0;
-    int maxLen = 0;
-    if (UiStatusHandler *handler = statusHandler()) {
-        minLen = handler->GetPINMinLen();
-        maxLen = handler->GetPINMaxLen();
-    }
-    return withBounds(tr(key), minLen, maxLen);
+    return withBounds(tr(key), service->GetPINMinLen(), service->GetPINMaxLen());
 }
 
 QString PINDialog::lengthText() const
@@ -764,10 +755,6 @@ void PINDialog::on_pushButton_OK_clicked()
         }
     }
 
-    UiStatusHandler *handler = statusHandler();
-    if (!handler)
-        return;
-
     QByteArray oldPin = ui->lineEdit_oldPin->text().toUtf8();
     QByteArray newPin = ui->lineEdit_newPin->text().toUtf8();
     const uint32_t oldLen
@@ -798,9 +785,9 @@ void PINDialog::on_pushButton_OK_clicked()
         p += 4 + len;
     }
 
-    resultReported = true;
+    frame.answered();
     // The service copies the buffer before it returns; nothing below touches a member.
-    handler->SetPINStatus(1, buffer, 8ul + oldLen + newLen);
+    service->SetPINStatus(1, buffer, 8ul + oldLen + newLen);
 
     explicit_bzero(buffer, allocated);
     if (locked)
@@ -812,12 +799,9 @@ void PINDialog::on_pushButton_OK_clicked()
 
 void PINDialog::on_pushButton_Cancel_clicked()
 {
-    UiStatusHandler *handler = statusHandler();
-    if (!handler)
-        return;
-    resultReported = true;
+    frame.answered();
     // The service deletes this dialog inside the call.
-    handler->SetPINStatus(0, nullptr, 0);
+    service->SetPINStatus(0, nullptr, 0);
 }
 
 void PINDialog::on_toolButtonold_softkeyboard_toggled(bool checked)
@@ -930,40 +914,6 @@ void PINDialog::RefreshLayout()
 }
 
 /**
- * The window manager's close button answers as Cancel would, exactly once, so
- * the service never waits for a window that is gone. The answer is given from
- * the event loop: the service deletes the dialog inside SetPINStatus, which must
- * not happen inside the close handling. A queued call to a deleted dialog is
- * dropped, so the service's own hide and delete never report anything.
- */
-void PINDialog::closeEvent(QCloseEvent *event)
-{
-    event->ignore();
-    if (resultReported || closeAnswerQueued)
-        return;
-    closeAnswerQueued = true;
-    qDebug() << "PINDialog: closed by the window manager, answered as Cancel";
-    QMetaObject::invokeMethod(
-            this,
-            [this]() {
-                if (resultReported)
-                    return;
-                on_pushButton_Cancel_clicked();
-            },
-            Qt::QueuedConnection);
-}
-
-/**
- * Deliberate departure: Escape answers as the window manager's close does;
- * Return presses the focused button, or the default one.
- */
-void PINDialog::keyPressEvent(QKeyEvent *event)
-{
-    if (!DialogKeys::handleKey(this, event, ui->pushButton_OK))
-        QWidget::keyPressEvent(event);
-}
-
-/**
  * A PIN shown in clear is hidden again whenever the dialog goes out of view,
  * and the Caps Lock hint goes with it.
  */
@@ -1003,8 +953,6 @@ void PINDialog::refreshCapsLockHint()
 
 void PINDialog::changeEvent(QEvent *event)
 {
-    if (event->type() == QEvent::ActivationChange && isActiveWindow())
-        DialogKeys::showFocusRing(this);
     // Caps Lock may have been switched in another window meanwhile.
     if (event->type() == QEvent::ActivationChange && ui)
         refreshCapsLockHint();

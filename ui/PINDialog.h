@@ -1,10 +1,11 @@
 #pragma once
 
+#include "DialogFrame.h"
+
 #include <QString>
 #include <QWidget>
 
 class QLineEdit;
-class QTimer;
 class UiStatusHandler;
 
 namespace Ui {
@@ -23,11 +24,8 @@ public:
     enum KeyBoardMode { SimpleKeyBoard = 0, FullKeyBoard = 1 };
 
     PINDialog(PINDialog::KeyBoardMode keyBoardMode, bool keyboardVisible, unsigned long type,
-              QObject *service, float scale, QWidget *parent = nullptr);
+              UiStatusHandler *service, float scale, QWidget *parent = nullptr);
     ~PINDialog() override;
-
-    const int PIN_MIN_LEN = 6;
-    const int VALID_PIN_TYPE_COUNT = 2;
 
     bool IsAllInputValid();
     int IsValidPIN(QString pin);
@@ -69,13 +67,11 @@ public slots:
     void RefreshLayout();
 
 protected:
-    void closeEvent(QCloseEvent *event) override;
-    void keyPressEvent(QKeyEvent *event) override;
+    bool event(QEvent *e) override { return frame.event(e) || QWidget::event(e); }
     void changeEvent(QEvent *event) override;
     void hideEvent(QHideEvent *event) override;
 
 private:
-    UiStatusHandler *statusHandler() const;
     void keepOnScreen();
     QString annotationText(const char *key) const;
     QString lengthText() const;
@@ -85,7 +81,7 @@ private:
     void refreshShowToggle(QAction *toggle);
     void refreshCapsLockHint();
 
-    QObject *service = nullptr;
+    UiStatusHandler *service = nullptr;
     QWidget *keyboard = nullptr;
     Ui::PINDialog *ui = nullptr;
     QLineEdit *currentLineEdit = nullptr;
@@ -94,10 +90,6 @@ private:
     bool keyboardVisible;
     unsigned int pinMinLen = 0;
     unsigned int pinMaxLen = 0;
-    QTimer *timer = nullptr;
     float scale;
-    // Set once OK or Cancel has been reported, or a window-manager close has been
-    // answered: a later close must not turn a given answer into a Cancel.
-    bool resultReported = false;
-    bool closeAnswerQueued = false;
+    DialogFrame frame{this};
 };

@@ -2,11 +2,8 @@
 #include "ui_WaitingDialog.h"
 
 #include "DialogAccessibility.h"
-#include "DialogGeometry.h"
 
-#include <QApplication>
 #include <QDebug>
-#include <QDesktopWidget>
 #include <QIcon>
 #include <QImageReader>
 #include <QMovie>
@@ -20,31 +17,6 @@ enum InfoKey { KeyPicture = 0, KeyTimeout1 = 1, KeyTimeout2 = 2, KeySignInfo = 3
 // One second between countdown ticks. A precise timer re-arms from its due
 // time, not from the late delivery, so a two-minute count does not drift.
 constexpr int TickMilliseconds = 1000;
-
-// Fits the window to its contents, then fixes it at that size times the
-// display scale. The previous fixed size is dropped first: adjustSize() cannot
-// shrink a window below its minimum, so a size that was already scaled (by
-// the first tick inside the constructor, or by the previous tick) would be
-// scaled once more.
-void fitToScale(QWidget *w, float scale)
-{
-    w->setMinimumSize(0, 0);
-    w->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
-    w->adjustSize();
-    // Deliberate departure: only the part of the scale the fonts did not
-    // apply, and never larger than the screen.
-    const QSize scaled = DialogGeometry::boundedToScreen(
-            w, w->size() * DialogGeometry::remainingScale(w, scale));
-    w->resize(scaled);
-    w->setMaximumSize(scaled);
-    w->setMinimumSize(scaled);
-}
-
-void centreOnDesktop(QWidget *w)
-{
-    const QDesktopWidget *desktop = QApplication::desktop();
-    w->move((desktop->width() - w->width()) / 2, (desktop->height() - w->height()) / 2);
-}
 } // namespace
 
 /**
@@ -58,8 +30,8 @@ WaitingDialog::WaitingDialog(QString info, unsigned long type, int timeout, QStr
     : QWidget(parent)
     , ui(new Ui::WaitingDialog)
     , scale(scale)
-    , timeout(timeout) // kept on purpose: accepted from the coordinator and never used
 {
+    Q_UNUSED(timeout); // kept on purpose: accepted from the coordinator and never used
     ui->setupUi(this);
     DialogAccessibility::install();
     qDebug() << "WaitingDialog() called";
@@ -215,9 +187,8 @@ WaitingDialog::WaitingDialog(QString info, unsigned long type, int timeout, QStr
     setAttribute(Qt::WA_ShowModal);
 
     qDebug() << "dialog base size" << size();
-    fitToScale(this, scale);
+    frame.fit(scale);
     qDebug() << "dialog adjust size" << size();
-    centreOnDesktop(this);
 }
 
 WaitingDialog::~WaitingDialog()
@@ -241,8 +212,7 @@ void WaitingDialog::refreshtimeout()
     ui->label_info->setText(
             tr("Please press OK button on USBKey in <font color=\"red\">%1</font> second(s)")
                     .arg(countdown));
-    fitToScale(this, scale);
-    centreOnDesktop(this);
+    frame.fit(scale);
     qDebug() << countdown << "seconds";
 
     if (countdown-- <= 0 && timer) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "DialogFrame.h"
+
 #include <QString>
 #include <QWidget>
 
@@ -36,5 +38,5 @@ private:
     QTimer *timer = nullptr;
     QMovie *movie = nullptr;
     float scale = 1.0f;
-    int timeout = 0; // kept on purpose and never used: the countdown comes from the info text
+    DialogFrame frame{this};
 };

@@ -1,79 +1,56 @@
 #include "XDoTool.h"
 
+#include <QMap>
 #include <QProcess>
 #include <QStandardPaths>
-#include <QThread>
+#include <QTest>
 
 bool XDoTool::available()
 {
-    return !QStandardPaths::findExecutable(QStringLiteral("xdotool")).isEmpty()
-           && !qEnvironmentVariableIsEmpty("DISPLAY");
+    return !QStandardPaths::findExecutable("xdotool").isEmpty()
+           && qEnvironmentVariableIsSet("DISPLAY");
 }
 
 bool XDoTool::run(const QStringList &args, QByteArray *output, QDeadlineTimer deadline)
 {
     QProcess p;
     p.start(QStringLiteral("xdotool"), args);
-    if (!p.waitForFinished(int(qMax<qint64>(1, deadline.remainingTime())))) {
-        p.kill();
-        p.waitForFinished();
-        return false;
-    }
+    const bool done = p.waitForFinished(int(qMax<qint64>(1, deadline.remainingTime())));
     if (output)
-        *output = p.readAllStandardOutput();
-    return p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+        *output = p.readAllStandardOutput().trimmed();
+    return done && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
 }
 
-QStringList XDoTool::findWindows(const QString &title, qint64 pid, QDeadlineTimer deadline)
+// Matching windows, id -> title (a null title: all of the process's); none is no error.
+static QMap<QString, QString> search(const QString &title, qint64 pid, bool all = false)
 {
+    const QStringList by = pid ? QStringList{"--pid", QString::number(pid)}
+                               : QStringList{"--name", "^" + title + "$"};
     QByteArray out;
-    // xdotool exits 1 when nothing matches: that is an empty answer, not an error.
-    run(pid ? QStringList{"search", "--onlyvisible", "--pid", QString::number(pid)}
-            : QStringList{"search", "--onlyvisible", "--name", QStringLiteral("^%1$").arg(title)},
-        &out, deadline);
-    QStringList ids;
-    for (const QByteArray &line : out.split('\n')) {
-        const QString id = QString::fromLatin1(line.trimmed());
-        if (!id.isEmpty() && (!pid || windowName(id, deadline) == title))
-            ids << id;
+    XDoTool::run(QStringList{"search", all ? "--any" : "--onlyvisible"} + by, &out);
+    QMap<QString, QString> found;
+    for (const QString &id : QString::fromLatin1(out).split('\n', Qt::SkipEmptyParts)) {
+        const QString name = XDoTool::windowName(id);
+        if (!pid || title.isNull() || name == title)
+            found.insert(id, name);
     }
-    return ids;
-}
-
-QStringList XDoTool::titles(qint64 pid)
-{
-    QByteArray out;
-    run({"search", "--onlyvisible", "--pid", QString::number(pid)}, &out);
-    QStringList names;
-    for (const QByteArray &line : out.split('\n')) {
-        if (!line.trimmed().isEmpty())
-            names << windowName(QString::fromLatin1(line.trimmed()));
-    }
-    return names;
+    return found;
 }
 
 QString XDoTool::waitForWindow(const QString &title, int timeoutMs, qint64 pid)
 {
-    const QDeadlineTimer deadline(timeoutMs);
-    do {
-        const QStringList ids = findWindows(title, pid, deadline);
-        if (!ids.isEmpty())
-            return ids.last();
-        QThread::msleep(50);
-    } while (!deadline.hasExpired());
-    return QString();
+    QStringList ids;
+    return QTest::qWaitFor([&] { return !(ids = search(title, pid).keys()).isEmpty(); }, timeoutMs)
+                   ? ids.last()
+                   : QString();
 }
 
 bool XDoTool::waitForNoWindow(const QString &title, int timeoutMs, qint64 pid)
 {
-    const QDeadlineTimer deadline(timeoutMs);
-    do {
-        if (findWindows(title, pid, deadline).isEmpty())
-            return true;
-        QThread::msleep(50);
-    } while (!deadline.hasExpired());
-    return false;
+    return QTest::qWaitFor([&] { return search(title, pid).isEmpty(); }, timeoutMs);
 }
+
+QStringList XDoTool::titles(qint64 pid, bool all) { return search(QString(), pid, all).values(); }
 
 bool XDoTool::focus(const QString &window) { return run({"windowfocus", "--sync", window}); }
 
@@ -84,11 +61,9 @@ bool XDoTool::key(const QString &keys)
     return run(QStringList{"key", "--delay", "30"} + keys.split(' ', Qt::SkipEmptyParts));
 }
 
-QString XDoTool::windowName(const QString &window, QDeadlineTimer deadline)
+QString XDoTool::windowName(const QString &window)
 {
     QByteArray out;
-    run({"getwindowname", window}, &out, deadline);
-    if (out.endsWith('\n'))
-        out.chop(1);
+    run({"getwindowname", window}, &out);
     return QString::fromUtf8(out);
 }

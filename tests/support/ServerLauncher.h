@@ -1,49 +1,45 @@
 #pragma once
 
-#include <QByteArray>
+#include <QFileInfo>
 #include <QMap>
 #include <QProcess>
-#include <QString>
 #include <QTemporaryDir>
+
+#include <unistd.h>
 
 /**
  * Runs the real ZRUIServer (from env ZRUI_BIN_DIR) in a private sandbox:
  * <root>/bin/<appName> with resources.rcc, integrityprotect.ini and
  * ZRUIConf.ini beside it, <root>/work/ as working directory. The copy's
- * unique name ("zrt<pid>_<n>") gives every launcher a socket of its own.
- * Set-up calls shape prepare(); the destructor stops the process.
+ * unique name gives every launcher a socket of its own; the destructor stops it.
  */
 class ServerLauncher
 {
 public:
     ServerLauncher();
     ~ServerLauncher() { stop(); }
-    ServerLauncher(const ServerLauncher &) = delete;
-    ServerLauncher &operator=(const ServerLauncher &) = delete;
 
     // SAFEPATH of ZRUIConf.ini (default: env ZRUI_TOKENSIM_DIR); null: no ZRUIConf.ini.
     void setSafePath(const QString &dir) { safePath = dir; }
     // Resources from <build>/test-resources/<variant>/ instead of <build>/bin/.
     void useResourceVariant(const QString &v) { variant = v; }
-    void setCopyResources(bool copy) { copyResources = copy; }
-    // Writes <root>/tokensim.ini and passes ZRTOKENSIM_CONF.
-    void setTokenSimIni(const QByteArray &text) { tokenSimText = text; }
     // QT_QPA_PLATFORM (default "offscreen"); empty inherits the environment.
     void setPlatform(const QString &p) { platform = p; }
-    void setEnv(const QString &name, const QString &value) { extraEnv.insert(name, value); }
+    void setEnv(const QString &name, const QString &value) { env.insert(name, value); }
 
     bool prepare(); // creates the sandbox once; false (see errorString()) on failure
-    // Destinations relative to the sandbox root.
-    bool writeFile(const QString &relativePath, const QByteArray &content);
-    bool copyFile(const QString &source, const QString &relativeDestination);
+    bool writeFile(const QString &relativePath, const QByteArray &content); // in the sandbox
 
-    QString binDir() const { return root() + QStringLiteral("/bin"); }
-    QString workDir() const { return root() + QStringLiteral("/work"); }
-    QString executablePath() const { return binDir() + QLatin1Char('/') + name; }
+    QString binDir() const { return dir.path() + "/bin"; }
+    QString workDir() const { return dir.path() + "/work"; }
+    QString executablePath() const { return binDir() + '/' + name; }
     QString appName() const { return name; }
-    QString socketName() const; // appName + uid, without the leading NUL
-    static QString resourceVariantDir(const QString &variant);
-    static QString buildDir(); // the parent of ZRUI_BIN_DIR
+    QString socketName() const { return name + QString::number(getuid()); } // without the NUL
+    static QString buildDir() { return QFileInfo(qEnvironmentVariable("ZRUI_BIN_DIR")).path(); }
+    static QString resourceVariantDir(const QString &v)
+    {
+        return buildDir() + "/test-resources/" + v;
+    }
 
     bool start(); // prepare() if needed, then start in workDir()
     bool waitForListening(int timeoutMs = 15000); // false on time-out or an early end
@@ -51,29 +47,25 @@ public:
     {
         return !isRunning() || proc.waitForFinished(timeoutMs);
     }
-    void stop(int timeoutMs = 5000); // SIGTERM, then SIGKILL
+    void stop(); // SIGTERM, then SIGKILL
     bool isRunning() const { return proc.state() != QProcess::NotRunning; }
-    int exitCode() const { return proc.exitCode(); }
-    QProcess::ExitStatus exitStatus() const { return proc.exitStatus(); }
-    QByteArray output(); // stdout and stderr so far, merged
+    QByteArray output() { return collected += proc.readAll(); } // stdout and stderr so far
     QProcess &process() { return proc; }
     QString errorString() const { return error; }
-
     // True when an abstract stream socket of this name listens now (/proc/net/unix).
     static bool isListening(const QString &abstractName);
 
 private:
-    bool fail(const QString &message);
-    QString root() const { return tempDir.path(); }
+    bool fail(const QString &message)
+    {
+        error = message;
+        return false;
+    }
 
-    QTemporaryDir tempDir;
+    QTemporaryDir dir;
     QProcess proc;
-    QString name, safePath, variant;
-    QString platform = QStringLiteral("offscreen");
-    QByteArray tokenSimText;
-    bool copyResources = true;
-    bool prepared = false;
-    QMap<QString, QString> extraEnv;
+    QString name, safePath, variant, error, platform = "offscreen";
+    QMap<QString, QString> env;
     QByteArray collected;
-    QString error;
+    bool prepared = false;
 };

@@ -1,19 +1,9 @@
-# Start-up pieces in the test process: the signed-file chain and translations, the token
-# library loaders, the log sink, the UI coordinator; and the artwork's GIF writer.
-zrui_add_test(NAME TestIntegrity SOURCES TestIntegrity.cpp
-  LIBS zrui_app OpenSSL::Crypto Qt5::Gui
-  ENV "ZRUI_SIGN_TOOL=$<TARGET_FILE:zrui-sign>"
-      "ZRUI_RESOURCES_SOURCE_DIR=${CMAKE_SOURCE_DIR}/resources"
-      "ZRUI_LUPDATE=$<TARGET_FILE:Qt5::lupdate>")
-add_dependencies(TestIntegrity zrui_tokensim zrui_resources zrui-sign)
-
-zrui_add_test(NAME TestTokenLibs SOURCES TestTokenLibs.cpp LIBS zrui_app)
-add_dependencies(TestTokenLibs zrui_tokensim)
-
-zrui_add_test(NAME TestLogSink SOURCES TestLogSink.cpp LIBS zrui_app zrui_testsupport LOCKS uilog)
+# Start-up pieces in the test process: token library loaders, the signed-file chain, the log
+# sink and the artwork's GIF writer; and the UI coordinator.
+zrui_add_test(NAME TestStartupPieces SOURCES TestStartupPieces.cpp
+              LIBS zrui_app zrui_gifencoder zrui_testsupport Qt5::Gui LOCKS uilog)
+add_dependencies(TestStartupPieces zrui_tokensim zrui_resources)
 
 zrui_add_test(NAME TestUIService SOURCES TestUIService.cpp LIBS zrui_ui zrui_testsupport
               TIMEOUT 180)
 add_dependencies(TestUIService zrui_tokensim zrui_resources zrui_test_resources)
-
-zrui_add_test(NAME TestGifEncoder SOURCES TestGifEncoder.cpp LIBS zrui_gifencoder Qt5::Gui)

@@ -1,2 +1,2 @@
-# The client library: layouts and parsing, framing against a scripted server.
+# The client library against a scripted server: request bytes, framing and every error path.
 zrui_add_test(NAME TestClient SOURCES TestClient.cpp LIBS zrui_client Qt5::Core Threads::Threads)
