@@ -6,10 +6,9 @@
 #include <QObject>
 
 #include <atomic>
-#include <mutex>
 
-// A thread-safe stand-in for the UI service's status hand-off: dialogs and the
-// socket service report to it as to the real coordinator; tests read it back.
+// A stand-in for the coordinator's status hand-off: dialogs report to it as to the
+// real one (in the GUI thread); tests read back what they reported.
 class FakeUiStatus : public QObject, public UiStatusHandler
 {
 public:
@@ -20,25 +19,45 @@ public:
 
     int GetPINMinLen() override { return pinMin; }
     int GetPINMaxLen() override { return pinMax; }
-    int GetPINStatus(unsigned char **encpinbuff, unsigned long *encpinlen) override;
-    void SetPINStatus(int status, unsigned char *encpinbuff, unsigned long encpinlen) override;
-    void SetMsgStatus(int status) override;
-    int GetMsgStatus() override { return msgStatus.load(); }
-    void SetListSelectStatus(int status, int index) override;
-    void GetListSelectStatus(int &status, int &index) override;
+    int GetPINStatus(unsigned char **buf, unsigned long *len) override
+    {
+        *buf = reinterpret_cast<unsigned char *>(pin.data());
+        *len = static_cast<unsigned long>(pin.size());
+        return pinStatus;
+    }
+    void SetPINStatus(int status, unsigned char *buf, unsigned long len) override
+    {
+        pin = buf ? QByteArray(reinterpret_cast<const char *>(buf), int(len)) : QByteArray();
+        pinStatus = report(pinReports, status);
+    }
+    void SetMsgStatus(int status) override { msgStatus = report(msgReports, status); }
+    int GetMsgStatus() override { return msgStatus; }
+    void SetListSelectStatus(int status, int index) override
+    {
+        listIndex = index;
+        listStatus = report(listReports, status);
+    }
+    void GetListSelectStatus(int &status, int &index) override
+    {
+        status = listStatus;
+        index = listIndex;
+    }
 
-    QByteArray lastPinBuffer() const; // a copy of what the last SetPINStatus carried
-    int pinStatusValue() const { return pinStatus.load(); }
-    int listIndexValue() const { return listIndex.load(); }
-    int listStatusValue() const { return listStatus.load(); }
+    QByteArray lastPinBuffer() const { return pin; } // what the last SetPINStatus carried
+    int pinStatusValue() const { return pinStatus; }
+    int listIndexValue() const { return listIndex; }
+    int listStatusValue() const { return listStatus; }
 
     // Setter calls with a status other than -1 ("reported once" checks).
     std::atomic<int> pinReports{0}, msgReports{0}, listReports{0};
     int pinMin, pinMax;
 
 private:
-    mutable std::mutex mutex;
+    static int report(std::atomic<int> &reports, int status)
+    {
+        reports += status != -1;
+        return status;
+    }
     std::atomic<int> pinStatus{-1}, msgStatus{-2}, listStatus{-1}, listIndex{0};
-    unsigned char pinBuffer[8448] = {};
-    unsigned long pinLength = 0;
+    QByteArray pin;
 };
