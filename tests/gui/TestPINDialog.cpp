@@ -184,6 +184,10 @@ private slots:
             QCOMPARE(edit(f)->isVisible(), label->isVisible());
             edit(f)->setText(pins[f]);
         }
+        // No empty band between the annotation and the first shown field.
+        QWidget *first = edit(type[1].isEmpty() ? 1 : 0), *note = child("label_fixcomment");
+        QVERIFY(first->mapTo(dlg.get(), QPoint()).y() - note->mapTo(dlg.get(), QPoint()).y()
+                < note->height() + first->height());
         QCOMPARE(child("toolButtonnew_softkeyboard")->isVisible(), !type[2].isEmpty());
         QCOMPARE(child("toolButtonold_softkeyboard")->isVisible(), type[2].isEmpty());
         QTRY_VERIFY(dlg->testAttribute(Qt::WA_KeyboardFocusChange));
