@@ -61,6 +61,8 @@ void TestUIService::testConfiguration()
     for (const auto &[variant, full, visible, keepAliveMs, defaultPin] : // keep-alive 0: no timer
          {std::make_tuple("", true, true, 0, ""), std::make_tuple("upperfull", true, true, 0, ""),
           std::make_tuple("simplehide", false, false, 30000, ""),
+          std::make_tuple("simple", false, true, 0, ""),
+          std::make_tuple("fullhide", true, false, 1000, ""),
           std::make_tuple("defaultpin", true, true, 0, "123456")}) {
         std::unique_ptr<UI_Service> ui = make(variant);
         QVERIFY(ui && ui->service() && ui->GetPINMinLen() == 6 && ui->GetPINMaxLen() == 16);
