@@ -73,6 +73,7 @@ private slots:
         QVERIFY2(server.start() && server.waitForListening(), server.output().constData());
         zrui_conn *conn = nullptr;
         QCOMPARE(zrui_open(server.appName().toUtf8().constData(), &conn), int(ZRUI_OK));
+        const std::unique_ptr<zrui_conn, decltype(&zrui_close)> closer(conn, zrui_close);
         QVERIFY(zrui_begin_session(conn, 0) == ZRUI_OK && zrui_pin_show(conn, 1) == ZRUI_OK);
         QVERIFY(!XDoTool::waitForWindow("驗證USBKey管理員密碼", 15000, server.process().processId())
                          .isEmpty());

@@ -97,6 +97,7 @@ private slots:
         QVERIFY2(server.start() && server.waitForListening(), server.output().constData());
         pid = server.process().processId();
     }
+    void cleanupTestCase() { zrui_close(std::exchange(conn, nullptr)); }
     // A window-manager close (Alt+F4 in openbox; the PIN window offers none) or Escape
     // answers as Cancel, an OK-only box as OK; no close ends the process.
     void testCloseAnswersAndServiceStays_data()
