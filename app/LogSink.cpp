@@ -12,12 +12,18 @@
 #include <ctime>
 #include <memory>
 
+#include <cerrno>
+
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 const char *const ZRUI_LOG_PATH = "/tmp/uilog.txt";
 const long long ZRUI_LOG_ROTATE_BYTES = 16LL * 1024 * 1024;
+const int ZRUI_LOG_SIZE_CHECK_LINES = 256;
 
 namespace {
 
@@ -26,44 +32,99 @@ const char LOG_NAME[] = "uilog.txt";
 thread_local bool threadMuted = false;
 
 /*
+ * Whether the kernel itself keeps every line out of a file that is not ours,
+ * so that a line costs open, write and close only:
+ *  - O_NOFOLLOW refuses a symbolic link, O_NONBLOCK a FIFO without a reader;
+ *  - O_NOATIME makes open(2) refuse a file of another owner (EPERM), unless
+ *    the process may act as any file's owner (CAP_FOWNER), which root drops
+ *    at start-up (dropFileOwnerOverride);
+ *  - the write is positional (pwritev2 with RWF_APPEND), which a FIFO with a
+ *    reader, a socket or a terminal refuses (ESPIPE) before taking a byte;
+ *  - a second name for one of our files can only be made by us where the
+ *    kernel refuses links to files a user does not own (protected_hardlinks).
+ * Where the last two conditions do not hold, every opened descriptor is
+ * looked at instead (fstat), as it was for every line before.
+ */
+bool kernelGuardsLog()
+{
+    char value = '0';
+    const int fd = ::open("/proc/sys/fs/protected_hardlinks", O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        if (::read(fd, &value, 1) != 1)
+            value = '0';
+        ::close(fd);
+    }
+    return value == '1' && !hasFileOwnerOverride();
+}
+
+bool guardedByKernel()
+{
+    static const bool guarded = kernelGuardsLog();
+    return guarded;
+}
+
+/*
  * O_NONBLOCK only matters for a FIFO planted under the name: without it the
  * open would wait for a reader. It changes nothing for a regular file.
  */
 int openLog(const char *path)
 {
-    return ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
-                  S_IRUSR | S_IWUSR);
+    const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    return ::open(path, guardedByKernel() ? flags | O_NOATIME : flags, S_IRUSR | S_IWUSR);
 }
 
-/*
- * Opens path for one line. Deliberate departure: the descriptor is kept only
- * when it is a regular file of this user with no second name (a hard link
- * would let the line land in some other file of ours); anything else under
- * the name is not written. A file past the rotation size becomes path".1"
- * (replacing an older one) and a new file starts; where that rename is
- * refused (a ".1" of another user in a sticky directory) the file starts
- * again empty instead, so it never grows without bound.
- *
- * The fstat stays on every line: once this user has removed the file (by
- * hand, a test, the rotation), any other user may create one under the name
- * in /tmp before the next line, and only a look at the opened descriptor
- * tells whose file the line would go to.
- */
-int openChecked(const char *path)
+// What is known of one log file between lines, where the kernel guards it.
+struct LogFileState
+{
+    long long size = -1; // bytes in the file as last looked at plus ours since; -1 unknown
+    int linesUnchecked = 0;
+};
+
+// The second-name test only where the kernel does not already rule out a
+// link made by someone else.
+bool acceptable(const struct stat &st)
 {
     // geteuid is a real system call; the program never changes its uid.
     static const uid_t owner = ::geteuid();
+    return S_ISREG(st.st_mode) && st.st_uid == owner && (st.st_nlink == 1 || guardedByKernel());
+}
+
+/*
+ * Opens path for one line. Deliberate departure: the line goes only into a
+ * regular file of this user with no second name (a hard link would let it
+ * land in some other file of ours); anything else under the name is not
+ * written. A file past the rotation size becomes path".1" (replacing an
+ * older one) and a new file starts; where that rename is refused (a ".1" of
+ * another user in a sticky directory) the file starts again empty instead,
+ * so it never grows without bound.
+ *
+ * Without the kernel's guards the descriptor is looked at on every line:
+ * once this user has removed the file (by hand, a test, the rotation), any
+ * other user may create one under the name in /tmp before the next line, and
+ * only a look at the opened descriptor tells whose file the line would go to.
+ * With them, the size is counted instead (our own lines are exact) and
+ * looked at every ZRUI_LOG_SIZE_CHECK_LINES lines for growth from outside.
+ */
+int openChecked(const char *path, LogFileState &state)
+{
     int fd = openLog(path);
     if (fd < 0)
         return -1;
+    const bool kernel = guardedByKernel();
+    if (kernel && state.size >= 0 && state.size < ZRUI_LOG_ROTATE_BYTES
+        && ++state.linesUnchecked < ZRUI_LOG_SIZE_CHECK_LINES)
+        return fd;
+    state.linesUnchecked = 0;
     struct stat st;
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != owner || st.st_nlink != 1) {
+    if (::fstat(fd, &st) != 0 || !acceptable(st)) {
         ::close(fd);
         return -1;
     }
+    state.size = st.st_size;
     if (st.st_size < ZRUI_LOG_ROTATE_BYTES)
         return fd;
 
+    state.size = 0;
     char rotated[512];
     if (std::snprintf(rotated, sizeof rotated, "%s.1", path) < int(sizeof rotated)
         && ::rename(path, rotated) == 0) {
@@ -71,18 +132,42 @@ int openChecked(const char *path)
         fd = openLog(path);
         if (fd < 0)
             return -1;
-        if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != owner
-            || st.st_nlink != 1) {
+        if (::fstat(fd, &st) != 0 || !acceptable(st)) {
             ::close(fd);
             return -1;
         }
+        state.size = st.st_size;
         return fd;
     }
     if (::ftruncate(fd, 0) != 0) {
         ::close(fd);
+        state.size = -1;
         return -1;
     }
     return fd;
+}
+
+/*
+ * Appends the whole line. Returns false when the descriptor refuses a
+ * positional write (not a regular file): nothing went in, and the line may
+ * go elsewhere. A line that fails later is lost: the logger has nowhere to
+ * report.
+ */
+bool appendAll(int fd, const char *data, size_t size, LogFileState &state)
+{
+    const bool kernel = guardedByKernel();
+    while (size > 0) {
+        iovec part{const_cast<char *>(data), size};
+        const ssize_t n
+                = kernel ? ::pwritev2(fd, &part, 1, 0, RWF_APPEND) : ::write(fd, data, size);
+        if (n <= 0)
+            return !(n < 0 && errno == ESPIPE);
+        data += n;
+        size -= size_t(n);
+        if (state.size >= 0)
+            state.size += n;
+    }
+    return true;
 }
 
 /*
@@ -90,19 +175,28 @@ int openChecked(const char *path)
  * $XDG_RUNTIME_DIR/uilog.txt under the same rules, or nowhere when that is
  * unset. Read on each such line (rare), so a later environment counts.
  */
-int openLogForLine()
+void writeLine(const char *line, size_t size)
 {
-    const int fd = openChecked(ZRUI_LOG_PATH);
-    if (fd >= 0)
-        return fd;
+    static LogFileState primary, fallbackState;
+    int fd = openChecked(ZRUI_LOG_PATH, primary);
+    if (fd >= 0) {
+        const bool taken = appendAll(fd, line, size, primary);
+        ::close(fd);
+        if (taken)
+            return;
+    }
     const char *runtimeDir = std::getenv("XDG_RUNTIME_DIR");
     if (!runtimeDir || runtimeDir[0] != '/')
-        return -1;
+        return;
     char fallback[512];
     if (std::snprintf(fallback, sizeof fallback, "%s/%s", runtimeDir, LOG_NAME)
         >= int(sizeof fallback))
-        return -1;
-    return openChecked(fallback);
+        return;
+    fd = openChecked(fallback, fallbackState);
+    if (fd >= 0) {
+        appendAll(fd, line, size, fallbackState);
+        ::close(fd);
+    }
 }
 
 inline char *put2(char *p, int v)
@@ -179,17 +273,6 @@ char *putUtf8(char *out, const QString &text)
     return out;
 }
 
-void writeAll(int fd, const char *data, size_t size)
-{
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n <= 0)
-            return;
-        data += n;
-        size -= size_t(n);
-    }
-}
-
 } // namespace
 
 /**
@@ -238,11 +321,30 @@ void printlogtofile(QtMsgType type, const QMessageLogContext &context, const QSt
     }
     *end++ = '\n';
 
-    const int fd = openLogForLine();
-    if (fd < 0)
-        return;
-    writeAll(fd, line, size_t(end - line));
-    ::close(fd);
+    writeLine(line, size_t(end - line));
 }
 
 void setThreadLogMuted(bool muted) { threadMuted = muted; }
+
+bool logGuardedByKernel() { return guardedByKernel(); }
+
+bool hasFileOwnerOverride()
+{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    return ::syscall(SYS_capget, &header, data) != 0
+           || (data[CAP_TO_INDEX(CAP_FOWNER)].effective & CAP_TO_MASK(CAP_FOWNER)) != 0;
+}
+
+bool dropFileOwnerOverride()
+{
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (::syscall(SYS_capget, &header, data) != 0)
+        return false;
+    __user_cap_data_struct &word = data[CAP_TO_INDEX(CAP_FOWNER)];
+    word.effective &= ~CAP_TO_MASK(CAP_FOWNER);
+    word.permitted &= ~CAP_TO_MASK(CAP_FOWNER);
+    word.inheritable &= ~CAP_TO_MASK(CAP_FOWNER);
+    return ::syscall(SYS_capset, &header, data) == 0;
+}

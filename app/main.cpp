@@ -19,6 +19,9 @@ int main(int argc, char *argv[])
 {
     // PINs pass through this process: no core dumps, no ptrace by peers.
     prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    // Run as root, not the owner of every file: open(2) then refuses a log
+    // file of another user by itself (see LogSink.cpp).
+    dropFileOwnerOverride();
 
     // Nothing here draws with OpenGL, but the first window would load Qt's
     // GLX integration and the driver stack (tens of MB, tens of ms). A user

@@ -15,6 +15,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,6 +69,9 @@ void TestStartupPieces::initTestCase()
     rcc = readAll(binDir + "/resources.rcc");
     QVERIFY(tmp.isValid() && !rcc.isEmpty() && LogFile::clear() && LoadLib_Alg(0, libDir.data()));
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtimeDir.path()));
+    // The entry that runs the sink as the server runs it as root: without CAP_FOWNER.
+    if (qEnvironmentVariable("ZRUI_TEST_LOG_GUARD") == "kernel")
+        QVERIFY(dropFileOwnerOverride() && !hasFileOwnerOverride());
     const QString ini = QString::fromLatin1(readAll(binDir + "/integrityprotect.ini"));
     signatureHex = ini.section("\nresources.rcc_Sign=", 1).section('\n', 0, 0).toLatin1();
     QCOMPARE(signatureHex.size(), 512);
@@ -165,6 +169,12 @@ void TestStartupPieces::testLogLines()
         QVERIFY(t >= before && t <= after);
         QCOMPARE(line.left(1) + line.mid(24), "[] " + texts.at(i));
     }
+    // Open, write and close alone keep lines out of other users' files only where the kernel
+    // refuses links to them and the process cannot pass for every file's owner.
+    const bool linksGuarded = readAll("/proc/sys/fs/protected_hardlinks").startsWith('1');
+    if (!linksGuarded && qEnvironmentVariable("ZRUI_TEST_LOG_GUARD") == "kernel")
+        QSKIP("this kernel lets users link other users' files");
+    QCOMPARE(logGuardedByKernel(), linksGuarded && !hasFileOwnerOverride());
 }
 
 // Whatever stands at /tmp/uilog.txt that is not this user's own single-named regular file is
@@ -176,19 +186,29 @@ void TestStartupPieces::testLogRefusedFileFallsBack()
     const QByteArray own = QFile::encodeName(scratch.filePath("own")),
                      created = QFile::encodeName(scratch.filePath("created"));
     const QString fallback = runtimeDir.filePath("uilog.txt");
-    for (const QString planted : {"fifo", "hard link", "symlink", "dangling symlink", "foreign"}) {
+    int reader = -1;
+    const auto closeReader = qScopeGuard([&reader] { reader < 0 || close(reader); });
+    for (const QString planted :
+         {"fifo", "fifo with a reader", "hard link", "symlink", "dangling symlink", "foreign"}) {
         if (planted == "foreign" && geteuid() != 0)
             QSKIP("a file of another uid needs root to create");
+        // Where the kernel guards the name, a second name of our file can only be our own doing.
+        if (planted == "hard link" && logGuardedByKernel())
+            continue;
         QVERIFY(writeAll(own, "theirs\n"));
-        QVERIFY(planted == "fifo"        ? mkfifo(ZRUI_LOG_PATH, 0666) == 0
-                : planted == "hard link" ? link(own, ZRUI_LOG_PATH) == 0
-                : planted == "symlink"   ? symlink(own, ZRUI_LOG_PATH) == 0
+        QVERIFY(planted.startsWith("fifo") ? mkfifo(ZRUI_LOG_PATH, 0666) == 0
+                : planted == "hard link"   ? link(own, ZRUI_LOG_PATH) == 0
+                : planted == "symlink"     ? symlink(own, ZRUI_LOG_PATH) == 0
                 : planted == "dangling symlink"
                         ? symlink(created, ZRUI_LOG_PATH) == 0
                         : writeAll(LogFile::path(), "theirs\n") && chmod(ZRUI_LOG_PATH, 0666) == 0
                                   && chown(ZRUI_LOG_PATH, 65534, 65534) == 0);
+        if (planted == "fifo with a reader")
+            QVERIFY((reader = open(ZRUI_LOG_PATH, O_RDONLY | O_NONBLOCK)) >= 0);
         QFile::remove(fallback);
         log("refused primary");
+        char got = 0;
+        QVERIFY(reader < 0 || read(reader, &got, 1) <= 0);
         QVERIFY2(readAll(fallback).endsWith("] refused primary\n"), qPrintable(planted));
         QCOMPARE(QFile::permissions(fallback) & 0x0777, QFile::Permissions(0x0600));
         QVERIFY(readAll(own) == "theirs\n" && !QFile::exists(created));
@@ -197,22 +217,39 @@ void TestStartupPieces::testLogRefusedFileFallsBack()
     }
 }
 
-// From 16 MiB on, the file becomes uilog.txt.1 (replacing an older one) before the next line.
+// From 16 MiB on, the file becomes uilog.txt.1 (replacing an older one). Growth from outside
+// counts before the next line where every line's file is looked at, within
+// ZRUI_LOG_SIZE_CHECK_LINES lines where the kernel guards it; our own lines at once.
 void TestStartupPieces::testLogRotation()
 {
     const qint64 limit = 16LL * 1024 * 1024;
+    const bool kernel = logGuardedByKernel();
+    const int lines = kernel ? ZRUI_LOG_SIZE_CHECK_LINES : 1;
     QFile file(LogFile::path()), older(LogFile::path() + ".1");
-    for (qint64 size : {limit - 1, limit, limit + 4096}) {
+    for (qint64 size :
+         kernel ? QList<qint64>{limit + 4096} : QList<qint64>{limit - 1, limit, limit + 4096}) {
         const bool rotates = size >= limit;
         older.remove();
         QVERIFY(size <= limit || writeAll(older.fileName(), "older\n"));
         // Sparse: the size counts, not the blocks.
         QVERIFY(writeAll(file.fileName(), "first\n") && file.resize(size));
-        log("next line");
-        QCOMPARE(QFileInfo(older.fileName()).size(), rotates ? size : 0);
-        QCOMPARE(file.size(), (rotates ? 0 : size) + 36);
+        for (int i = 0; i < lines; ++i)
+            log("next line");
+        const qint64 kept = QFileInfo(older.fileName()).size();
         QVERIFY(readAll(LogFile::path()).endsWith("] next line\n"));
+        QVERIFY2(rotates ? kept >= size && (kept - size) % 36 == 0 : kept == 0,
+                 qPrintable(QString::number(kept)));
+        QCOMPARE(kept + file.size(), size + lines * 36);
     }
+    // Our own lines: the first line after the limit is the new file's first.
+    const QString block(1 << 20, 'x');
+    for (int i = 0; i < 17 && file.size() < limit; ++i)
+        log(block);
+    QVERIFY(file.size() >= limit);
+    log("after");
+    QCOMPARE(file.size(), 32);
+    QVERIFY(QFileInfo(older.fileName()).size() >= limit
+            && readAll(LogFile::path()).endsWith("] after\n"));
     older.remove();
 }
 
