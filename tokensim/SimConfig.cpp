@@ -7,7 +7,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <mutex>
 
 namespace zrsim {
 
@@ -58,12 +61,31 @@ void configPath(char *out, unsigned long size)
     copyString(out, size, "tokensim.ini");
 }
 
-void readConfig(Config *cfg)
+namespace {
+
+/*
+ * The last file read, known by its identity and times: the server asks on
+ * every request, and a real token stack answers from memory. A file replaced
+ * or rewritten (tests do both while the server runs) is read again.
+ */
+struct ReadCache
+{
+    bool valid = false;
+    char path[1024] = {};
+    struct stat st = {};
+    Config cfg;
+};
+
+bool sameFile(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size
+           && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec
+           && a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec;
+}
+
+void parseConfig(const char *path, Config *cfg)
 {
     *cfg = Config();
-    char path[1024];
-    configPath(path, sizeof path);
-
     FILE *f = fopen(path, "r");
     if (f) {
         char section[64] = {};
@@ -100,6 +122,32 @@ void readConfig(Config *cfg)
                 copyString(cfg->journalPath, sizeof cfg->journalPath, value);
         }
         fclose(f);
+    }
+}
+
+} // namespace
+
+void readConfig(Config *cfg)
+{
+    static std::mutex mutex;
+    static ReadCache cache;
+    *cfg = Config();
+    char path[1024];
+    configPath(path, sizeof path);
+    struct stat st;
+    if (stat(path, &st) != 0) {
+        std::lock_guard<std::mutex> lock(mutex);
+        cache.valid = false;
+    } else {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!cache.valid || strcmp(cache.path, path) != 0 || !sameFile(cache.st, st)) {
+            // Known by the look taken before reading: a change meanwhile shows next time.
+            parseConfig(path, &cache.cfg);
+            copyString(cache.path, sizeof cache.path, path);
+            cache.st = st;
+            cache.valid = true;
+        }
+        *cfg = cache.cfg;
     }
 
     const char *env = getenv("ZRTOKENSIM_JOURNAL");
