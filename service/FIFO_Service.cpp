@@ -15,6 +15,7 @@
 #include <QSettings>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -36,6 +37,14 @@ constexpr int kRequestCompleteMs = 5000;
 // How often an idle connection re-checks whether one of its windows is up
 // (the user answers without the client sending anything).
 constexpr int kIdleStepMs = 250;
+
+qint64 monotonicMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+}
+
 // A message-box client that left: the wait ends without an answer.
 constexpr int kMsgClientGone = -3;
 constexpr int kDefaultIdleSeconds = 60;
@@ -225,6 +234,11 @@ void FIFO_Service::ServeConnection(int fd)
     sendTimeout.tv_sec = kRequestCompleteMs / 1000;
     sendTimeout.tv_usec = 0;
     setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
+    // The tick of the idle check while a request is awaited (RecvBuff).
+    timeval idleStep;
+    idleStep.tv_sec = 0;
+    idleStep.tv_usec = kIdleStepMs * 1000;
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &idleStep, sizeof idleStep);
 
     for (;;) {
         memset(m_recvPack, 0, sizeof m_recvPack);
@@ -398,8 +412,17 @@ int FIFO_Service::RecvBuff(void *pdata, int bufsize)
     }
     for (;;) {
         qDebug() << "RecvBuff: read ......";
-        const int readlen = int(read(m_sock, pdata, size_t(bufsize < 0 ? 0 : bufsize)));
-        const int err = errno;
+        int readlen;
+        int err;
+        // Deliberate departure: waiting for a request, the read wakes every
+        // kIdleStepMs (the socket's receive time-out) to see whether the
+        // connection idled out. One system call while requests keep coming.
+        do {
+            readlen = int(read(m_sock, pdata, size_t(bufsize < 0 ? 0 : bufsize)));
+            err = errno;
+        } while (readlen < 0 && err == EAGAIN && m_awaitingRequest && !idledOut());
+        if (m_idleEnded)
+            return -1;
         qDebug() << "RecvBuff: readed readlen=" << readlen << ",data=" << hexOf(pdata, readlen);
         if (readlen >= 0)
             return readlen;
@@ -420,9 +443,13 @@ bool FIFO_Service::RecvPack(void *pReqData)
     const auto *hdr = static_cast<const COMMPACK *>(pReqData);
 
     qDebug() << "RecvPack: RecvBuff......";
-    if (!waitForRequest())
-        return false;
+    m_awaitingRequest = true;
+    m_idleEnded = false;
+    m_idleSince = monotonicMs();
     int recvLen = RecvBuff(buf, COMMPACK_MAX_SIZE);
+    m_awaitingRequest = false;
+    if (m_idleEnded)
+        return false;
     QElapsedTimer begun;
     begun.start();
     qDebug() << "RecvPack: RecvBuff recvLen=" << recvLen
@@ -526,31 +553,21 @@ bool FIFO_Service::windowOpen() const
 }
 
 /**
- * Waits until the next request begins (or the socket reports an end, which
- * the read then sees). Deliberate departure: false when the connection sent
+ * Called each time the wait for the next request's first bytes wakes without
+ * them. Deliberate departure: true (and logged) when the connection sent
  * nothing for m_idleSeconds while none of its windows was open; it then ends
  * as if the client had closed it.
  */
-bool FIFO_Service::waitForRequest()
+bool FIFO_Service::idledOut()
 {
-    if (m_sock < 0)
-        return true;
-    const qint64 idleMs = qint64(m_idleSeconds) * 1000;
-    QElapsedTimer idle;
-    idle.start();
-    for (;;) {
-        if (windowOpen())
-            idle.restart();
-        const qint64 left = idleMs - idle.elapsed();
-        if (left <= 0) {
-            qDebug("connection idle for %d s with no window open, closed", m_idleSeconds);
-            return false;
-        }
-        pollfd pfd = {m_sock, POLLIN, 0};
-        const int ready = poll(&pfd, 1, int(qMin<qint64>(left, kIdleStepMs)));
-        if (ready > 0 || (ready < 0 && errno != EINTR))
-            return true;
-    }
+    const qint64 now = monotonicMs();
+    if (windowOpen())
+        m_idleSince = now;
+    if (now - m_idleSince < qint64(m_idleSeconds) * 1000)
+        return false;
+    qDebug("connection idle for %d s with no window open, closed", m_idleSeconds);
+    m_idleEnded = true;
+    return true;
 }
 
 /**

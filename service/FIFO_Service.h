@@ -94,9 +94,15 @@ private:
     bool m_waitingOpen = false;
     // A response could not be written within the send time-out.
     bool m_sendStalled = false;
+    // Between requests: the first read of the next one is under way, since
+    // m_idleSince (ms on the monotonic clock, restarted while a window is
+    // open); m_idleEnded once the connection idled out.
+    bool m_awaitingRequest = false;
+    bool m_idleEnded = false;
+    qint64 m_idleSince = 0;
 
     int waitForMessageAnswer(UiStatusHandler *ui);
-    bool waitForRequest();
+    bool idledOut();
     bool windowOpen() const;
     void endConnection();
     void reportNameHolder(const QByteArray &name, const sockaddr_un &addr, unsigned int addrLen);
