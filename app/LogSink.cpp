@@ -12,6 +12,7 @@
 #include <ctime>
 #include <memory>
 
+#include <atomic>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -74,10 +75,13 @@ int openLog(const char *path)
 }
 
 // What is known of one log file between lines, where the kernel guards it.
+// Only touched under the handler's mutex; atomic (relaxed) because that
+// QMutex is a futex the thread sanitizer cannot see.
 struct LogFileState
 {
-    long long size = -1; // bytes in the file as last looked at plus ours since; -1 unknown
-    int linesUnchecked = 0;
+    // Bytes in the file as last looked at plus ours since; -1 unknown.
+    std::atomic<long long> size{-1};
+    std::atomic<int> linesUnchecked{0};
 };
 
 // The second-name test only where the kernel does not already rule out a
@@ -111,20 +115,22 @@ int openChecked(const char *path, LogFileState &state)
     if (fd < 0)
         return -1;
     const bool kernel = guardedByKernel();
-    if (kernel && state.size >= 0 && state.size < ZRUI_LOG_ROTATE_BYTES
-        && ++state.linesUnchecked < ZRUI_LOG_SIZE_CHECK_LINES)
+    const long long known = state.size.load(std::memory_order_relaxed);
+    if (kernel && known >= 0 && known < ZRUI_LOG_ROTATE_BYTES
+        && state.linesUnchecked.fetch_add(1, std::memory_order_relaxed) + 1
+                   < ZRUI_LOG_SIZE_CHECK_LINES)
         return fd;
-    state.linesUnchecked = 0;
+    state.linesUnchecked.store(0, std::memory_order_relaxed);
     struct stat st;
     if (::fstat(fd, &st) != 0 || !acceptable(st)) {
         ::close(fd);
         return -1;
     }
-    state.size = st.st_size;
+    state.size.store(st.st_size, std::memory_order_relaxed);
     if (st.st_size < ZRUI_LOG_ROTATE_BYTES)
         return fd;
 
-    state.size = 0;
+    state.size.store(0, std::memory_order_relaxed);
     char rotated[512];
     if (std::snprintf(rotated, sizeof rotated, "%s.1", path) < int(sizeof rotated)
         && ::rename(path, rotated) == 0) {
@@ -136,12 +142,12 @@ int openChecked(const char *path, LogFileState &state)
             ::close(fd);
             return -1;
         }
-        state.size = st.st_size;
+        state.size.store(st.st_size, std::memory_order_relaxed);
         return fd;
     }
     if (::ftruncate(fd, 0) != 0) {
         ::close(fd);
-        state.size = -1;
+        state.size.store(-1, std::memory_order_relaxed);
         return -1;
     }
     return fd;
@@ -164,8 +170,8 @@ bool appendAll(int fd, const char *data, size_t size, LogFileState &state)
             return !(n < 0 && errno == ESPIPE);
         data += n;
         size -= size_t(n);
-        if (state.size >= 0)
-            state.size += n;
+        if (state.size.load(std::memory_order_relaxed) >= 0)
+            state.size.fetch_add(n, std::memory_order_relaxed);
     }
     return true;
 }
