@@ -95,9 +95,9 @@ bool acceptable(const struct stat &st)
 
 /*
  * Opens path for one line. Deliberate departure: the line goes only into a
- * regular file of this user with no second name (a hard link would let it
- * land in some other file of ours); anything else under the name is not
- * written. A file past the rotation size becomes path".1" (replacing an
+ * regular file of this user with no second name that someone else could have
+ * made (a hard link would let it land in some other file of ours); anything
+ * else under the name is not written. A file past the rotation size becomes path".1" (replacing an
  * older one) and a new file starts; where that rename is refused (a ".1" of
  * another user in a sticky directory) the file starts again empty instead,
  * so it never grows without bound.
