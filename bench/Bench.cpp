@@ -10,9 +10,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstddef>
 #include <functional>
 
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <xcb/xcb.h>
 
@@ -171,12 +174,29 @@ int residentWindow(int argc, char **argv)
     return app.exec();
 }
 
+// The start reference: a Qt Widgets program that only listens on @NAME (argv[2]).
+int listenOnly(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    const QByteArray name = argc > 2 ? QByteArray(argv[2]) : QByteArray();
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path + 1, name.constData(), size_t(qMin(name.size(), 100)));
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const socklen_t len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + qMin(name.size(), 100));
+    if (name.isEmpty() || bind(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0 || listen(fd, 5))
+        return 1;
+    return app.exec();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     if (argc > 1 && !strcmp(argv[1], "--resident-window"))
         return residentWindow(argc, argv);
+    if (argc > 1 && !strcmp(argv[1], "--listen"))
+        return listenOnly(argc, argv);
     QCoreApplication app(argc, argv);
     const int rounds = qMax(10, argc > 1 ? atoi(argv[1]) : 10), trips = 2000, later = 20;
     MapWatch x;
@@ -220,6 +240,13 @@ int main(int argc, char **argv)
             break;
         const qint64 pid = server.process().processId();
         waitIdle(pid);
+        // Once the server is idle: its idle-time prewarm would slow this reference down.
+        QProcess qtOnly;
+        const QString qtName = QStringLiteral("zrui_qtonly%1_%2").arg(getpid()).arg(done);
+        double q0 = nowMs();
+        qtOnly.start(QCoreApplication::applicationFilePath(), {"--listen", qtName});
+        v["qtStart"].push_back(listening(qtName, qtOnly) ? nowMs() - q0 : NONE);
+        qtOnly.close();
         v["first"].push_back(pinDialog(x, h));
         v["rss"].push_back(procField(pid));
         for (int i = 0; i < later; ++i) // taken in turns, so both see the same load
@@ -259,7 +286,8 @@ int main(int argc, char **argv)
             "later PIN dialogs, REQ_PIN_Show -> mapped|later|ms|resident minimal Qt window|window",
             "RSS after the first dialog|rss|MB|goal|goal",
             "RSS growth over 1000 dialogs|growth|MB|resident minimal Qt window|windowGrowth",
-            "start -> listening|start|ms|C server start -> listening|refStart"};
+            "start -> listening|start|ms|C server start -> listening|refStart",
+            "start -> listening|start|ms|Qt program that only listens|qtStart"};
     for (const char *row : rows) {
         QList<QByteArray> r = QByteArray(row).split('|');
         const double now = median(v[r[1]]), ref = median(v[r[4]]);
