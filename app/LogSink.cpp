@@ -334,23 +334,32 @@ void setThreadLogMuted(bool muted) { threadMuted = muted; }
 
 bool logGuardedByKernel() { return guardedByKernel(); }
 
-bool hasFileOwnerOverride()
+namespace {
+
+// This thread's capability sets (threads started later inherit them).
+struct Capabilities
 {
     __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
     __user_cap_data_struct data[2] = {};
-    return ::syscall(SYS_capget, &header, data) != 0
-           || (data[CAP_TO_INDEX(CAP_FOWNER)].effective & CAP_TO_MASK(CAP_FOWNER)) != 0;
+    bool read() { return ::syscall(SYS_capget, &header, data) == 0; }
+    __user_cap_data_struct &fownerWord() { return data[CAP_TO_INDEX(CAP_FOWNER)]; }
+};
+
+} // namespace
+
+bool hasFileOwnerOverride()
+{
+    Capabilities caps;
+    return !caps.read() || (caps.fownerWord().effective & CAP_TO_MASK(CAP_FOWNER)) != 0;
 }
 
 bool dropFileOwnerOverride()
 {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2] = {};
-    if (::syscall(SYS_capget, &header, data) != 0)
+    Capabilities caps;
+    if (!caps.read())
         return false;
-    __user_cap_data_struct &word = data[CAP_TO_INDEX(CAP_FOWNER)];
-    word.effective &= ~CAP_TO_MASK(CAP_FOWNER);
-    word.permitted &= ~CAP_TO_MASK(CAP_FOWNER);
-    word.inheritable &= ~CAP_TO_MASK(CAP_FOWNER);
-    return ::syscall(SYS_capset, &header, data) == 0;
+    caps.fownerWord().effective &= ~CAP_TO_MASK(CAP_FOWNER);
+    caps.fownerWord().permitted &= ~CAP_TO_MASK(CAP_FOWNER);
+    caps.fownerWord().inheritable &= ~CAP_TO_MASK(CAP_FOWNER);
+    return ::syscall(SYS_capset, &caps.header, caps.data) == 0;
 }

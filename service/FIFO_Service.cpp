@@ -15,7 +15,6 @@
 #include <QSettings>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -37,13 +36,6 @@ constexpr int kRequestCompleteMs = 5000;
 // How often an idle connection re-checks whether one of its windows is up
 // (the user answers without the client sending anything).
 constexpr int kIdleStepMs = 250;
-
-qint64 monotonicMs()
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-                   std::chrono::steady_clock::now().time_since_epoch())
-            .count();
-}
 
 // A message-box client that left: the wait ends without an answer.
 constexpr int kMsgClientGone = -3;
@@ -445,7 +437,7 @@ bool FIFO_Service::RecvPack(void *pReqData)
     qDebug() << "RecvPack: RecvBuff......";
     m_awaitingRequest = true;
     m_idleEnded = false;
-    m_idleSince = monotonicMs();
+    m_idle.start();
     int recvLen = RecvBuff(buf, COMMPACK_MAX_SIZE);
     m_awaitingRequest = false;
     if (m_idleEnded)
@@ -560,10 +552,9 @@ bool FIFO_Service::windowOpen() const
  */
 bool FIFO_Service::idledOut()
 {
-    const qint64 now = monotonicMs();
     if (windowOpen())
-        m_idleSince = now;
-    if (now - m_idleSince < qint64(m_idleSeconds) * 1000)
+        m_idle.restart();
+    if (m_idle.elapsed() < qint64(m_idleSeconds) * 1000)
         return false;
     qDebug("connection idle for %d s with no window open, closed", m_idleSeconds);
     m_idleEnded = true;

@@ -2,6 +2,7 @@
 
 #include "service/SessionTable.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 
@@ -95,11 +96,10 @@ private:
     // A response could not be written within the send time-out.
     bool m_sendStalled = false;
     // Between requests: the first read of the next one is under way, since
-    // m_idleSince (ms on the monotonic clock, restarted while a window is
-    // open); m_idleEnded once the connection idled out.
+    // m_idle (restarted while a window is open); m_idleEnded once the connection idled out.
     bool m_awaitingRequest = false;
     bool m_idleEnded = false;
-    qint64 m_idleSince = 0;
+    QElapsedTimer m_idle;
 
     int waitForMessageAnswer(UiStatusHandler *ui);
     bool idledOut();
