@@ -36,7 +36,6 @@ constexpr int kRequestCompleteMs = 5000;
 // How often an idle connection re-checks whether one of its windows is up
 // (the user answers without the client sending anything).
 constexpr int kIdleStepMs = 250;
-
 // A message-box client that left: the wait ends without an answer.
 constexpr int kMsgClientGone = -3;
 constexpr int kDefaultIdleSeconds = 60;
