@@ -129,6 +129,27 @@ typedef long (*PFN_ZR_Unused)();
     X(ZRA_RSA_Verify_ZRKey) \
     X(AuxLoadKestrovaIni)
 
+// Defines one global pointer per entry point of LIST (an entry point list
+// above): the real signature where this program calls it, PFN_ZR_Unused
+// otherwise. Each loader expands it once for its own library.
+#define ZRUI_TOKEN_LIB_UNUSED_TYPE(name) using PFN_##name = PFN_ZR_Unused;
+#define ZRUI_TOKEN_LIB_CALLED_TYPE(name) using PFN_##name = ::PFN_##name;
+#define ZRUI_TOKEN_LIB_POINTER(name) entryTypes::PFN_##name name = nullptr;
+#define ZRUI_TOKEN_LIB_ENTRY(name) {#name, &name},
+// A direct member of a namespace hides what a using-directive brings in, so
+// the called entry points' real types win over the generic ones.
+#define ZRUI_DEFINE_ENTRY_POINTS(LIST) \
+    namespace { \
+    namespace unusedTypes { \
+    LIST(ZRUI_TOKEN_LIB_UNUSED_TYPE) \
+    } \
+    namespace entryTypes { \
+    using namespace unusedTypes; \
+    ZRUI_CALLED_ENTRY_POINT_TYPES(ZRUI_TOKEN_LIB_CALLED_TYPE) \
+    } \
+    } \
+    LIST(ZRUI_TOKEN_LIB_POINTER)
+
 extern PFN_ZRK_EstablishContext ZRK_EstablishContext;
 extern PFN_ZRK_ReleaseContext ZRK_ReleaseContext;
 extern PFN_ZRK_Connect ZRK_Connect;
