@@ -13,9 +13,6 @@
 #include <X11/Xlib.h>
 #endif
 
-#include <algorithm>
-#include <cmath>
-#include <memory>
 
 namespace {
 const char *const fields[] = {"lineEdit_oldPin", "lineEdit_newPin", "lineEdit_confirmPin"};
@@ -83,7 +80,7 @@ class TestPINDialog : public QObject
 {
     Q_OBJECT
 
-    FakeUiStatus fake{6, 300};
+    std::unique_ptr<FakeUiStatus> fake;
     std::unique_ptr<PINDialog> dlg;
 
     QLineEdit *edit(int i) const { return dlg->findChild<QLineEdit *>(fields[i]); }
@@ -94,7 +91,7 @@ class TestPINDialog : public QObject
     }
     void show(ulong type, int keyboard = PINDialog::FullKeyBoard)
     {
-        dlg.reset(new PINDialog(PINDialog::KeyBoardMode(keyboard), true, type, &fake, 1.0f));
+        dlg.reset(new PINDialog(PINDialog::KeyBoardMode(keyboard), true, type, fake.get(), 1.0f));
         dlg->show();
         QApplication::setActiveWindow(dlg.get());
         QVERIFY(QTest::qWaitForWindowActive(dlg.get()));
@@ -106,58 +103,55 @@ class TestPINDialog : public QObject
     }
 
 private slots:
-    void init()
-    {
-        fake.SetPINStatus(-1, nullptr, 0);
-        fake.pinReports = 0;
-        fake.pinMin = 6;
-        fake.pinMax = 300;
-    }
+    void init() { dlg.reset(), fake.reset(new FakeUiStatus(6, 300)); }
 
-    void testLevel_data()
+    // The strength, and the verdict shown while the new PIN (not the confirmation) is typed:
+    // 0 too short; 2 forbidden (repetition, straight run by code, walk along either fixed
+    // keyboard row, across its joins); 3-5 weak, normal, high by character classes. The verdict
+    // keeps a 4.5:1 contrast on a light and on a dark blue palette, red unless normal or high.
+    void testLevel()
     {
-        QTest::addColumn<int>("minLength");
-        QTest::addColumn<QString>("pin");
-        QTest::addColumn<int>("level");
-        // 0: too short; 2: forbidden (repetition, straight run by code, walk along either fixed
-        // keyboard row, across its joins); 3-5: weak, normal, high by character classes.
         const struct
         {
             int min, level;
             QStringList pins;
-        } groups[] = {{6, 0, {"12345", "aB3#Y"}},
-                      {6,
-                       2,
-                       {"111111", "123456", "654321", "qwerty", "QWERTY", "1234567890-=", "kl;'zxc",
-                        "JKL:\"ZXC", "!@#$%^&*()_+|", " qwert", "中qwert", "789:;<"}},
-                      {6, 3, {"890123", "banana", "#!#!#!", "aaaaab"}},
-                      {6, 4, {"qwe中rt", "qw ert", "a1b2c3", "11111a"}},
-                      {6, 5, {"m,./z1", "aB3xY9"}},
-                      {1, 2, {"qwe", "=\\q", "[]a", "/.", "a"}},
-                      {1, 3, {"/,"}},
-                      {1, 4, {"qwe1"}}};
-        for (const auto &g : groups)
-            for (const QString &pin : g.pins)
-                QTest::addRow("%d: '%s'", g.min, qPrintable(pin)) << g.min << pin << g.level;
-    }
-
-    // The strength and the verdict shown while the new PIN (not the confirmation) is typed.
-    void testLevel()
-    {
-        QFETCH(int, minLength);
-        QFETCH(QString, pin);
-        QFETCH(int, level);
-        fake.pinMin = minLength;
-        fake.pinMax = 16;
-        PINDialog dlg(PINDialog::FullKeyBoard, false, 2, &fake, 1.0f);
-        QCOMPARE(dlg.IsValidPIN(pin), level);
-        auto *comments = dlg.findChild<QLabel *>("label_comments");
-        dlg.findChild<QLineEdit *>(fields[2])->setText(pin);
-        QCOMPARE(comments->text(), QString());
-        dlg.findChild<QLineEdit *>(fields[1])->setText(pin);
-        QCOMPARE(comments->text(),
-                 level < 3 ? QString("The password must be %1-16 characters").arg(minLength)
-                           : QString("Pin:Weak Pin:Normal Pin:High").split(' ')[level - 3]);
+        } groups[]
+                = {{6, 0, {"12345", "aB3#Y"}},
+                   {6, 2, {"111111", "123456", "654321", "qwerty", "QWERTY", "1234567890-="}},
+                   {6, 2, {"kl;'zxc", "JKL:\"ZXC", "!@#$%^&*()_+|", " qwert", "中qwert", "789:;<"}},
+                   {6, 3, {"890123", "banana", "#!#!#!", "aaaaab"}},
+                   {6, 4, {"qwe中rt", "qw ert", "a1b2c3", "11111a"}},
+                   {6, 5, {"m,./z1", "aB3xY9"}},
+                   {1, 2, {"qwe", "=\\q", "[]a", "/.", "a"}},
+                   {1, 3, {"/,"}},
+                   {1, 4, {"qwe1"}}};
+        const QStringList verdicts = {"Pin:Weak", "Pin:Normal", "Pin:High"};
+        const QPalette light = QApplication::palette(), dark(QColor(0x20, 0x20, 0x60));
+        int n = 0;
+        fake->pinMax = 16;
+        for (const auto &g : groups) {
+            fake->pinMin = g.min;
+            const QString verdict
+                    = g.level < 3 ? QString("The password must be %1-16 characters").arg(g.min)
+                                  : verdicts[g.level - 3];
+            for (const QString &pin : g.pins) {
+                QApplication::setPalette(++n % 2 ? light : dark);
+                PINDialog dlg(PINDialog::FullKeyBoard, false, 2, fake.get(), 1.0f);
+                auto *comments = dlg.findChild<QLabel *>("label_comments");
+                dlg.findChild<QLineEdit *>(fields[2])->setText(pin);
+                QVERIFY(comments->text().isEmpty());
+                dlg.findChild<QLineEdit *>(fields[1])->setText(pin);
+                QCOMPARE(pin + QString::number(dlg.IsValidPIN(pin)) + comments->text(),
+                         pin + QString::number(g.level) + verdict);
+                dlg.ensurePolished();
+                const QColor text = comments->palette().color(comments->foregroundRole());
+                const double a = luminance(text),
+                             b = luminance(dlg.palette().color(QPalette::Window));
+                QVERIFY2((qMax(a, b) + 0.05) / (qMin(a, b) + 0.05) >= 4.5, qPrintable(pin));
+                QCOMPARE(text.hslHue() == 0 && text.hslSaturation() > 128, g.level < 4);
+            }
+        }
+        QApplication::setPalette(light);
     }
 
     void testOk_data()
@@ -206,12 +200,11 @@ private slots:
                 dlg.reset();
         }
         drain();
-        QCOMPARE(fake.pinReports.load(), c.refused >= 0 || how == "deleted" ? 0 : 1);
-        QCOMPARE(fake.lastPinBuffer(), c.refused == -1 ? c.result : QByteArray());
-        if (c.refused < 0) {
-            QCOMPARE(fake.pinStatusValue(), how == "deleted" ? -1 : c.refused + 2);
+        QCOMPARE(fake->pinReports.load(), c.refused >= 0 || how == "deleted" ? 0 : 1);
+        QCOMPARE(fake->lastPinBuffer(), c.refused == -1 ? c.result : QByteArray());
+        QCOMPARE(fake->pinStatusValue(), c.refused >= 0 || how == "deleted" ? -1 : c.refused + 2);
+        if (c.refused < 0)
             return;
-        }
         QCOMPARE(child<QLabel>("label_comments")->text(), QString(c.result));
         QCOMPARE(QAccessible::queryAccessibleInterface(edit(1))->text(QAccessible::Description),
                  QString(c.result));
@@ -220,23 +213,11 @@ private slots:
             QCOMPARE(edit(f)->text().isEmpty(), (f == 0) == (c.refused == 0) || pins[f].isEmpty());
     }
 
-    void testPasteGuards_data()
-    {
-        QTest::addColumn<QString>("how");
-        for (const char *how : {"Ctrl+V", "Shift+Ins", "middle", "drop", "Ctrl+C|Ctrl+X"})
-            QTest::newRow(how) << QString(how);
-    }
-
     // Nothing gets in or out through the clipboard, the selection or drag and drop, while a plain
     // line edit shows that each way works here; a left click still places the cursor.
     void testPasteGuards()
     {
-        QFETCH(QString, how);
         QClipboard *clipboard = QGuiApplication::clipboard();
-        const auto mode = how == "middle" ? QClipboard::Selection : QClipboard::Clipboard;
-        if (mode == QClipboard::Selection && !clipboard->supportsSelection())
-            QSKIP("no selection clipboard here: the xvfb run of this test covers it");
-        const QString before = how.contains('|') ? "abc123" : "";
         QMimeData mime;
         mime.setText("zzzzzz");
         QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
@@ -245,29 +226,36 @@ private slots:
         control.show();
         QVERIFY(QTest::qWaitForWindowExposed(&control));
         show(2);
-        for (QLineEdit *e : {&control, edit(0), edit(1), edit(2)}) {
-            clipboard->setText("zzzzzz", mode);
-            QTRY_COMPARE(clipboard->text(mode), QString("zzzzzz"));
-            e->setText(before);
-            e->setEchoMode(QLineEdit::Normal); // the guard must not rest on the mask
-            e->setFocus();
-            e->selectAll();
-            if (how == "middle") {
-                QTest::mouseClick(e, Qt::MiddleButton);
-                QTest::mouseDClick(e, Qt::MiddleButton);
-            } else if (how == "drop") {
-                QApplication::sendEvent(e, &enter);
-                QApplication::sendEvent(e, &drop);
-            } else {
-                for (const QString &keys : how.split('|'))
-                    QTest::keySequence(e, QKeySequence(keys));
+        for (const QString how : {"Ctrl+V", "Shift+Ins", "middle", "drop", "Ctrl+C|Ctrl+X"}) {
+            const auto mode = how == "middle" ? QClipboard::Selection : QClipboard::Clipboard;
+            if (mode == QClipboard::Selection && !clipboard->supportsSelection())
+                continue; // none offscreen: the run of this test on an X server covers it
+            const QString before = how.contains('|') ? "abc123" : "";
+            for (QLineEdit *e : {&control, edit(0), edit(1), edit(2)}) {
+                clipboard->setText("zzzzzz", mode);
+                QTRY_COMPARE(clipboard->text(mode), QString("zzzzzz"));
+                e->setText(before);
+                e->setEchoMode(QLineEdit::Normal); // the guard must not rest on the mask
+                e->setFocus();
+                e->selectAll();
+                if (how == "middle") {
+                    QTest::mouseClick(e, Qt::MiddleButton);
+                    QTest::mouseDClick(e, Qt::MiddleButton);
+                } else if (how == "drop") {
+                    QApplication::sendEvent(e, &enter);
+                    QApplication::sendEvent(e, &drop);
+                } else {
+                    for (const QString &keys : how.split('|'))
+                        QTest::keySequence(e, QKeySequence(keys));
+                }
+                const bool kept = e->text() + '|' + clipboard->text(mode) == before + "|zzzzzz";
+                QVERIFY2(kept == (e != &control), qPrintable(how));
+                QCOMPARE(e->contextMenuPolicy() == Qt::NoContextMenu, e != &control);
             }
-            QCOMPARE(e->text() + '|' + clipboard->text(mode) == before + "|zzzzzz", e != &control);
-            QCOMPARE(e->contextMenuPolicy() == Qt::NoContextMenu, e != &control);
         }
         QTest::mouseClick(edit(1), Qt::LeftButton, {}, QPoint(1, edit(1)->height() / 2));
         QCOMPARE(edit(1)->cursorPosition(), 0);
-        QCOMPARE(fake.pinReports.load(), 0);
+        QCOMPARE(fake->pinReports.load(), 0);
     }
 
     void testKeyboardPanel_data()
@@ -285,7 +273,7 @@ private slots:
     void testKeyboardPanel()
     {
         QFETCH(int, type);
-        fake.pinMax = 60;
+        fake->pinMax = 60;
         show(type, type % 2);
         QWidget *panel = child("widget_softkeyboard"), *kb = dlg->keyboardWidget();
         auto *button = child<QToolButton>(type ? "toolButtonnew_softkeyboard"
@@ -313,7 +301,6 @@ private slots:
         const int y = QGuiApplication::platformName().startsWith("wayland") ? 0 : 1; // placeable
         QTest::mouseClick(button, Qt::LeftButton);
         QVERIFY(panel->isVisible() && dlg->height() > before.height() + panel->height() / 2);
-        QVERIFY(dlg->rect().contains(QRect(panel->mapTo(dlg.get(), QPoint()), panel->size())));
         QCOMPARE(dlg->frameGeometry().y() * y, PINDialog::rememberedWindowY() * y);
         order[0]->setFocus(Qt::TabFocusReason);
         for (QWidget *w : order) {
@@ -331,7 +318,7 @@ private slots:
         for (Qt::Key k : {Qt::Key_Space, Qt::Key_Return})
             QTest::keyClick(QApplication::focusWidget(), k);
         drain();
-        QCOMPARE(last->text().size() * 10 + fake.pinReports.load(), 20);
+        QCOMPARE(last->text().size() * 10 + fake->pinReports.load(), 20);
         // Each key types its face once, by the left button alone: plain, then shifted (shift
         // swaps every face in place); a shuffle deals the same faces anew.
         const auto keys = kb->findChildren<QLabel *>(QRegularExpression("_(number|char|note)_"));
@@ -339,19 +326,14 @@ private slots:
                       all[] = {"0123456789" + az + (type % 2 ? "`-=[]\\;',./" : ""),
                                (type % 2 ? ")!@#$%^&*(" : "0123456789") + az.toUpper()
                                        + (type % 2 ? "~_+{}|:\"<>?" : "")};
-        auto faces = [&keys](bool sorted = false) {
-            QString s;
-            for (QLabel *k : keys)
-                s += k->text();
-            if (sorted)
-                std::sort(s.begin(), s.end());
-            return s;
+        const auto sorted = [](QString s) { return std::sort(s.begin(), s.end()), s; };
+        const auto faces = [&keys] {
+            return std::accumulate(keys.begin(), keys.end(), QString(),
+                                   [](const QString &s, QLabel *k) { return s + k->text(); });
         };
         for (int shift = 0; shift < 2; ++shift) {
             const QString shown = faces();
-            QString want = all[shift];
-            std::sort(want.begin(), want.end());
-            QCOMPARE(faces(true), want);
+            QCOMPARE(sorted(shown), sorted(all[shift]));
             last->clear();
             for (QLabel *k : keys) {
                 QTest::mouseClick(k, Qt::RightButton);
@@ -363,9 +345,9 @@ private slots:
             QTest::mouseClick(kb->findChild<QLabel *>("label_shift"), Qt::LeftButton);
             for (int k = 0; k < shown.size(); ++k)
                 QCOMPARE(faces()[k], all[!shift][all[shift].indexOf(shown[k])]);
-            const QString dealt = faces(), kept = faces(true);
+            const QString dealt = faces();
             QMetaObject::invokeMethod(kb, "randomSoftKeyboard");
-            QVERIFY(faces() != dealt && faces(true) == kept);
+            QVERIFY(faces() != dealt && sorted(faces()) == sorted(dealt));
         }
         last->clear();
         for (int i = 0; i < 70; ++i)
@@ -423,25 +405,10 @@ private slots:
                  QGuiApplication::platformName().startsWith("wayland") ? 0 : 1);
     }
 
-    // The comment keeps a 4.5:1 contrast on a light and a dark blue palette, errors red and good
-    // news not; a comment that needs more lines grows the window, which stays on the screen.
+    // A comment that needs more lines grows the window, which stays on the screen.
     void testComment()
     {
-        const QPalette light = QApplication::palette();
-        for (const QPalette &palette : {light, QPalette(QColor(0x20, 0x20, 0x60))}) {
-            QApplication::setPalette(palette);
-            for (const char *pin : {"Ab1xY9z!", "abcxyz17", "qazplm", "ab"}) {
-                show(2);
-                edit(1)->setText(pin);
-                auto *comments = child<QLabel>("label_comments");
-                const QColor text = comments->palette().color(comments->foregroundRole());
-                const double a = luminance(text),
-                             b = luminance(dlg->palette().color(QPalette::Window));
-                QVERIFY2((qMax(a, b) + 0.05) / (qMin(a, b) + 0.05) >= 4.5, pin);
-                QCOMPARE(text.hslHue() == 0 && text.hslSaturation() > 128, strlen(pin) <= 6);
-            }
-        }
-        QApplication::setPalette(light);
+        show(2);
         const QRect area = dlg->screen()->availableGeometry();
         dlg->move(area.left() + 10, area.bottom() + 1 - dlg->frameGeometry().height());
         dlg->setComment(QString("a long reason ").repeated(15));
