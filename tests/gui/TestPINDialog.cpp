@@ -52,9 +52,9 @@ const struct
 } okCases[] = {
         {"verify repeated", 0, "aaaaaa||", -1, le(6) + "aaaaaa" + le(0)},
         {"so verify, UTF-8", 1, "p\u00e4sswort||", -1, le(9) + "p\xC3\xA4sswort" + le(0)},
-        {"change", 2, "111111|abc1234|abc1234", -1, le(6) + "111111" + le(7) + "abc1234"},
         {"unblock, long", 4, QString(300, 'a') + "||", -1, le(300) + QByteArray(300, 'a') + le(0)},
         {"set", 5, "|a1b2c3|a1b2c3", -1, le(0) + le(6) + "a1b2c3"},
+        {"change, cut at #", 2, "1#1111|ab1234#|ab1234#", -1, le(6) + "1#1111" + le(6) + "ab1234"},
         {"verify short", 0, "12345||", 0, Len},
         {"so change, short old", 3, "1111|a1b2c3|a1b2c3", 0, Len},
         {"change, short new", 2, "111111|a1b2|a1b2", 1, Len},
@@ -111,11 +111,11 @@ private slots:
     // keeps a 4.5:1 contrast on a light and on a dark blue palette, red unless normal or high.
     void testLevel()
     {
-        const struct
-        {
-            int min, level;
-            QStringList pins;
-        } groups[]
+        const QStringList verdicts = {"Pin:Weak", "Pin:Normal", "Pin:High"};
+        const QPalette light = QApplication::palette(), dark(QColor(0x20, 0x20, 0x60));
+        int n = 0;
+        fake->pinMax = 16;
+        const std::initializer_list<std::tuple<int, int, QStringList>> groups
                 = {{6, 0, {"12345", "aB3#Y"}},
                    {6, 2, {"111111", "123456", "654321", "qwerty", "QWERTY", "1234567890-="}},
                    {6, 2, {"kl;'zxc", "JKL:\"ZXC", "!@#$%^&*()_+|", " qwert", "中qwert", "789:;<"}},
@@ -125,16 +125,12 @@ private slots:
                    {1, 2, {"qwe", "=\\q", "[]a", "/.", "a"}},
                    {1, 3, {"/,"}},
                    {1, 4, {"qwe1"}}};
-        const QStringList verdicts = {"Pin:Weak", "Pin:Normal", "Pin:High"};
-        const QPalette light = QApplication::palette(), dark(QColor(0x20, 0x20, 0x60));
-        int n = 0;
-        fake->pinMax = 16;
-        for (const auto &g : groups) {
-            fake->pinMin = g.min;
+        for (const auto &[min, level, pins] : groups) {
+            fake->pinMin = min;
             const QString verdict
-                    = g.level < 3 ? QString("The password must be %1-16 characters").arg(g.min)
-                                  : verdicts[g.level - 3];
-            for (const QString &pin : g.pins) {
+                    = level < 3 ? QString("The password must be %1-16 characters").arg(min)
+                                : verdicts[level - 3];
+            for (const QString &pin : pins) {
                 QApplication::setPalette(++n % 2 ? light : dark);
                 PINDialog dlg(PINDialog::FullKeyBoard, false, 2, fake.get(), 1.0f);
                 auto *comments = dlg.findChild<QLabel *>("label_comments");
@@ -142,13 +138,12 @@ private slots:
                 QVERIFY(comments->text().isEmpty());
                 dlg.findChild<QLineEdit *>(fields[1])->setText(pin);
                 QCOMPARE(pin + QString::number(dlg.IsValidPIN(pin)) + comments->text(),
-                         pin + QString::number(g.level) + verdict);
+                         pin + QString::number(level) + verdict);
                 dlg.ensurePolished();
                 const QColor text = comments->palette().color(comments->foregroundRole());
-                const double a = luminance(text),
-                             b = luminance(dlg.palette().color(QPalette::Window));
+                const double a = luminance(text), b = luminance(dlg.palette().window().color());
                 QVERIFY2((qMax(a, b) + 0.05) / (qMin(a, b) + 0.05) >= 4.5, qPrintable(pin));
-                QCOMPARE(text.hslHue() == 0 && text.hslSaturation() > 128, g.level < 4);
+                QCOMPARE(text.hslHue() == 0 && text.hslSaturation() > 128, level < 4);
             }
         }
         QApplication::setPalette(light);
@@ -161,10 +156,11 @@ private slots:
             QTest::newRow(okCases[i].name) << i;
     }
 
-    // Each type shows its title and rows, and the focus frame at once. OK (the button, or Return
-    // in the last field) hands over the length-prefixed PINs once, or refuses with a reason
-    // (also the fields' accessible description) and clears what it refused. Every way to give
-    // up answers Cancel without the typed PIN, once, however often the window is closed.
+    // Each type shows its title and rows, and the focus frame at once. With the simple keyboard
+    // (even types) new PINs are cut at the first character other than a letter or digit. OK (the
+    // button, or Return in the last field) hands over the length-prefixed PINs once, or refuses
+    // with a reason (also the fields' accessible description) and clears what it refused. Every way
+    // to give up answers Cancel without the typed PIN, once, however often the window is closed.
     void testOk()
     {
         QFETCH(int, i);
@@ -182,8 +178,6 @@ private slots:
         QWidget *first = edit(type[1].isEmpty() ? 1 : 0), *note = child("label_fixcomment");
         QVERIFY(first->mapTo(dlg.get(), QPoint()).y() - note->mapTo(dlg.get(), QPoint()).y()
                 < note->height() + first->height());
-        QCOMPARE(child("toolButtonnew_softkeyboard")->isVisible(), !type[2].isEmpty());
-        QCOMPARE(child("toolButtonold_softkeyboard")->isVisible(), type[2].isEmpty());
         QTRY_VERIFY(dlg->testAttribute(Qt::WA_KeyboardFocusChange));
         QCOMPARE(dlg->IsAllInputValid(), c.refused == -1);
         QLineEdit *last = edit(type[3].isEmpty() ? 0 : 2);
@@ -193,12 +187,10 @@ private slots:
             QTest::mouseClick(child<QPushButton>("pushButton_" + how), Qt::LeftButton);
         else if (how != "close" && how != "deleted")
             QTest::keySequence(last, QKeySequence(how));
-        if (c.refused < 0) { // later closes answer nothing; nor does a window its owner deletes
+        for (int n = 0; c.refused < 0 && n < 2; ++n) // later closes answer nothing
             dlg->windowHandle()->close();
-            dlg->windowHandle()->close();
-            if (how == "deleted")
-                dlg.reset();
-        }
+        if (how == "deleted") // nor does a window its owner deletes
+            dlg.reset();
         drain();
         QCOMPARE(fake->pinReports.load(), c.refused >= 0 || how == "deleted" ? 0 : 1);
         QCOMPARE(fake->lastPinBuffer(), c.refused == -1 ? c.result : QByteArray());
@@ -213,57 +205,11 @@ private slots:
             QCOMPARE(edit(f)->text().isEmpty(), (f == 0) == (c.refused == 0) || pins[f].isEmpty());
     }
 
-    // Nothing gets in or out through the clipboard, the selection or drag and drop, while a plain
-    // line edit shows that each way works here; a left click still places the cursor.
-    void testPasteGuards()
-    {
-        QClipboard *clipboard = QGuiApplication::clipboard();
-        QMimeData mime;
-        mime.setText("zzzzzz");
-        QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
-        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
-        QLineEdit control;
-        control.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&control));
-        show(2);
-        for (const QString how : {"Ctrl+V", "Shift+Ins", "middle", "drop", "Ctrl+C|Ctrl+X"}) {
-            const auto mode = how == "middle" ? QClipboard::Selection : QClipboard::Clipboard;
-            if (mode == QClipboard::Selection && !clipboard->supportsSelection())
-                continue; // none offscreen: the run of this test on an X server covers it
-            const QString before = how.contains('|') ? "abc123" : "";
-            for (QLineEdit *e : {&control, edit(0), edit(1), edit(2)}) {
-                clipboard->setText("zzzzzz", mode);
-                QTRY_COMPARE(clipboard->text(mode), QString("zzzzzz"));
-                e->setText(before);
-                e->setEchoMode(QLineEdit::Normal); // the guard must not rest on the mask
-                e->setFocus();
-                e->selectAll();
-                if (how == "middle") {
-                    QTest::mouseClick(e, Qt::MiddleButton);
-                    QTest::mouseDClick(e, Qt::MiddleButton);
-                } else if (how == "drop") {
-                    QApplication::sendEvent(e, &enter);
-                    QApplication::sendEvent(e, &drop);
-                } else {
-                    for (const QString &keys : how.split('|'))
-                        QTest::keySequence(e, QKeySequence(keys));
-                }
-                const bool kept = e->text() + '|' + clipboard->text(mode) == before + "|zzzzzz";
-                QVERIFY2(kept == (e != &control), qPrintable(how));
-                QCOMPARE(e->contextMenuPolicy() == Qt::NoContextMenu, e != &control);
-            }
-        }
-        QTest::mouseClick(edit(1), Qt::LeftButton, {}, QPoint(1, edit(1)->height() / 2));
-        QCOMPARE(edit(1)->cursorPosition(), 0);
-        QCOMPARE(fake->pinReports.load(), 0);
-    }
-
     void testKeyboardPanel_data()
     {
         QTest::addColumn<int>("type"); // the keyboard: simple for even types, full for odd
-        QTest::newRow("verify") << 0;
-        QTest::newRow("change") << 2;
-        QTest::newRow("set") << 5;
+        for (int type : {0, 2, 5})
+            QTest::addRow("type %d", type) << type;
     }
 
     // Asked for visible, the panel still starts hidden; its button shows it in the grown window
@@ -279,24 +225,10 @@ private slots:
         auto *button = child<QToolButton>(type ? "toolButtonnew_softkeyboard"
                                                : "toolButtonold_softkeyboard");
         QVERIFY(!panel->isVisible() && !button->isChecked() && kb->parentWidget() == panel);
-        QList<QWidget *> order;
-        for (int f = 0; f < 3; ++f)
-            if (edit(f)->isVisible())
-                order << edit(f);
-        QLineEdit *last = edit(order.size() == 1 ? 0 : 2);
-        // With the simple keyboard new PINs take letters and digits only: a pasted text is cut at
-        // the first other character, typed ones vanish. The full keyboard and old PINs take all.
-        const QString in = "ab#c\u00e4d";
-        for (int f = 0; f < 3; ++f) {
-            edit(f)->setText(in);
-            const QString pasted = edit(f)->text();
-            edit(f)->clear();
-            for (const QChar ch : in)
-                QTest::sendKeyEvent(QTest::Click, edit(f), Qt::Key_unknown, QString(ch), {});
-            QCOMPARE(pasted + '|' + edit(f)->text(), type % 2 || !f ? in + '|' + in : "ab|abcd");
-            edit(f)->clear();
-        }
-        order << button << kb << child("pushButton_OK") << child("pushButton_Cancel");
+        QLineEdit *last = edit(type ? 2 : 0);
+        const QList<QWidget *> order
+                = QList<QWidget *>{edit(0), edit(1), last}.mid(type == 5, type ? 3 : 1)
+                  << button << kb << child("pushButton_OK") << child("pushButton_Cancel");
         const QRect before = dlg->frameGeometry();
         const int y = QGuiApplication::platformName().startsWith("wayland") ? 0 : 1; // placeable
         QTest::mouseClick(button, Qt::LeftButton);
@@ -336,9 +268,8 @@ private slots:
             QCOMPARE(sorted(shown), sorted(all[shift]));
             last->clear();
             for (QLabel *k : keys) {
-                QTest::mouseClick(k, Qt::RightButton);
-                QTest::mouseClick(k, Qt::MiddleButton);
-                QTest::mouseClick(k, Qt::LeftButton);
+                for (auto b : {Qt::RightButton, Qt::MiddleButton, Qt::LeftButton})
+                    QTest::mouseClick(k, b);
                 QTest::mouseDClick(k, Qt::LeftButton);
             }
             QCOMPARE(last->text(), shown);
@@ -353,9 +284,7 @@ private slots:
         for (int i = 0; i < 70; ++i)
             QTest::mouseClick(keys[0], Qt::LeftButton);
         QMetaObject::invokeMethod(kb, "input_backspace");
-        QCOMPARE(last->text(), keys[0]->text().repeated(59));
-        for (int f = 0; f < 3; ++f)
-            QVERIFY(edit(f) == last || edit(f)->text().isEmpty());
+        QCOMPARE(edit(0)->text() + edit(1)->text() + edit(2)->text(), keys[0]->text().repeated(59));
         QTest::mouseClick(button, Qt::LeftButton);
         QVERIFY(!panel->isVisible() && dlg->frameGeometry().size() == before.size());
         QCOMPARE(dlg->frameGeometry().topLeft() * y,
@@ -365,24 +294,28 @@ private slots:
     // The show toggle: masked by default; shown in clear yet never selectable and still masked
     // for assistive tools; masked again when the dialog is hidden. On X11 the Caps Lock hint
     // follows Caps Lock while a PIN field has the focus; where the platform cannot tell, it never
-    // shows. Activation is asked for again later, except under Wayland, which refuses it.
+    // shows. A comment that needs more lines grows the window, which stays on the screen.
+    // Activation is asked for again later, except under Wayland, which refuses it. Nothing gets
+    // in or out through the clipboard, the selection or drag and drop, while a plain line edit
+    // shows that each way works here; a left click still places the cursor.
     void testFieldAids()
     {
-        const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb");
+        const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb"),
+                   wayland = QGuiApplication::platformName().startsWith("wayland");
         setCapsLock(true);
         show(2);
         for (int f = 0; f < 3; ++f) {
+            QLineEdit *e = edit(f);
             auto *toggle = child<QAction>(QString(fields[f]) + "_show");
-            QVERIFY(edit(f)->echoMode() == QLineEdit::Password && toggle->text() == "Show PIN");
-            edit(f)->setText("a1b2c3");
+            QVERIFY(e->echoMode() == QLineEdit::Password && toggle->text() == "Show PIN");
+            e->setText("a1b2c3");
             toggle->trigger();
-            QVERIFY(edit(f)->findChild<PinFieldReveal *>()->isShown()
-                    && toggle->text() == "Hide PIN");
-            edit(f)->setFocus();
-            edit(f)->setSelection(0, 4);
-            QTest::keyClick(edit(f), Qt::Key_Home, Qt::ShiftModifier);
-            QVERIFY(!edit(f)->hasSelectedText());
-            QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(edit(f));
+            QVERIFY(e->findChild<PinFieldReveal *>()->isShown() && toggle->text() == "Hide PIN");
+            e->setFocus();
+            e->setSelection(0, 4);
+            QTest::keyClick(e, Qt::Key_Home, Qt::ShiftModifier);
+            QVERIFY(!e->hasSelectedText());
+            QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(e);
             QVERIFY(iface->state().passwordEdit && !iface->textInterface());
             QCOMPARE(iface->text(QAccessible::Value), QStringLiteral("******"));
         }
@@ -396,19 +329,6 @@ private slots:
             QTRY_VERIFY(!hint->isVisible());
             setCapsLock(false);
         }
-        dlg->hide();
-        for (int f = 0; f < 3; ++f)
-            QVERIFY(!edit(f)->findChild<PinFieldReveal *>()->isShown());
-        const int before = QAbstractEventDispatcher::instance()->children().size();
-        dlg->SetWindowAcitive(); // a delayed single shot's timer is a child of the dispatcher
-        QCOMPARE(QAbstractEventDispatcher::instance()->children().size() - before,
-                 QGuiApplication::platformName().startsWith("wayland") ? 0 : 1);
-    }
-
-    // A comment that needs more lines grows the window, which stays on the screen.
-    void testComment()
-    {
-        show(2);
         const QRect area = dlg->screen()->availableGeometry();
         dlg->move(area.left() + 10, area.bottom() + 1 - dlg->frameGeometry().height());
         dlg->setComment(QString("a long reason ").repeated(15));
@@ -416,6 +336,52 @@ private slots:
         QVERIFY(comments->height() >= comments->heightForWidth(comments->width()));
         QVERIFY(area.contains(dlg->frameGeometry())
                 && dlg->frameGeometry().x() == area.left() + 10);
+        dlg->hide();
+        for (int f = 0; f < 3; ++f)
+            QVERIFY(!edit(f)->findChild<PinFieldReveal *>()->isShown());
+        const int timers = QAbstractEventDispatcher::instance()->children().size();
+        dlg->SetWindowAcitive(); // a delayed single shot's timer is a child of the dispatcher
+        QCOMPARE(QAbstractEventDispatcher::instance()->children().size() - timers, wayland ? 0 : 1);
+        if (wayland) // its clipboard serves focused windows only: the other runs cover the rest
+            return;
+        QClipboard *clipboard = QGuiApplication::clipboard();
+        QMimeData mime;
+        mime.setText("zzzzzz");
+        QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
+        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
+        QLineEdit control;
+        control.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&control));
+        show(2);
+        for (const QString how : {"Ctrl+V", "Shift+Ins", "middle", "drop", "Ctrl+C, Ctrl+X"}) {
+            const auto mode = how == "middle" ? QClipboard::Selection : QClipboard::Clipboard;
+            if (mode == QClipboard::Selection && !clipboard->supportsSelection())
+                continue; // none offscreen: the run of this test on an X server covers it
+            const QString before = how.contains(',') ? "abc123" : "";
+            for (QLineEdit *e : {&control, edit(0), edit(1), edit(2)}) {
+                clipboard->setText("zzzzzz", mode);
+                QTRY_COMPARE(clipboard->text(mode), QString("zzzzzz"));
+                e->setText(before);
+                e->setEchoMode(QLineEdit::Normal); // the guard must not rest on the mask
+                e->setFocus();
+                e->selectAll();
+                if (how == "middle") {
+                    QTest::mouseClick(e, Qt::MiddleButton);
+                    QTest::mouseDClick(e, Qt::MiddleButton);
+                } else if (how == "drop") {
+                    QApplication::sendEvent(e, &enter);
+                    QApplication::sendEvent(e, &drop);
+                } else {
+                    QTest::keySequence(e, QKeySequence(how));
+                }
+                const bool kept = e->text() + '|' + clipboard->text(mode) == before + "|zzzzzz";
+                QVERIFY2(kept == (e != &control), qPrintable(how));
+                QCOMPARE(e->contextMenuPolicy() == Qt::NoContextMenu, e != &control);
+            }
+        }
+        QTest::mouseClick(edit(1), Qt::LeftButton, {}, QPoint(1, edit(1)->height() / 2));
+        QCOMPARE(edit(1)->cursorPosition(), 0);
+        QCOMPARE(fake->pinReports.load(), 0);
     }
 };
 
