@@ -17,10 +17,8 @@
 namespace {
 const char *const fields[] = {"lineEdit_oldPin", "lineEdit_newPin", "lineEdit_confirmPin"};
 
-QByteArray le(quint32 n) // little-endian, as the hand-off buffer holds lengths
-{
-    return QByteArray(1, char(n)) + char(n >> 8) + char(n >> 16) + char(n >> 24);
-}
+// The hand-off buffer's lengths: little-endian, as this host holds them.
+QByteArray le(quint32 n) { return QByteArray(reinterpret_cast<char *>(&n), 4); }
 
 void setCapsLock(bool on) // where the X keyboard extension can set it
 {
@@ -33,10 +31,8 @@ void setCapsLock(bool on) // where the X keyboard extension can set it
 
 double luminance(const QColor &c)
 {
-    auto ch = [](double v) {
-        return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
-    };
-    return 0.2126 * ch(c.redF()) + 0.7152 * ch(c.greenF()) + 0.0722 * ch(c.blueF());
+    auto f = [](double v) { return v <= 0.03928 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+    return 0.2126 * f(c.redF()) + 0.7152 * f(c.greenF()) + 0.0722 * f(c.blueF());
 }
 
 const QByteArray Len = "The password must be 6-300 characters",
@@ -65,8 +61,7 @@ const struct
         {"close", 2, "secret1|abc123|abc123", -2, ""},
         {"Cancel", 2, "secret1|abc123|abc123", -2, ""},
         {"Esc", 2, "secret1|abc123|abc123", -2, ""},
-        {"Alt+C", 2, "secret1|abc123|abc123", -2, ""},
-        {"deleted", 2, "secret1|abc123|abc123", -2, ""}};
+        {"Alt+C", 2, "secret1|abc123|abc123", -2, ""}};
 const QString titles[]
         = {"Verify USBKey password",    "Verify USBKey so password", "Change USBKey password",
            "Change USBKey so password", "Unblock USBKey password",   "Set USBKey password"};
@@ -80,11 +75,7 @@ class TestPINDialog : public QObject
     std::unique_ptr<PINDialog> dlg;
 
     QLineEdit *edit(int i) const { return dlg->findChild<QLineEdit *>(fields[i]); }
-    template<class T = QWidget>
-    T *child(const QString &name) const
-    {
-        return dlg->findChild<T *>(name);
-    }
+    QWidget *child(const QString &name) const { return dlg->findChild<QWidget *>(name); }
     void show(ulong type, int keyboard = PINDialog::FullKeyBoard)
     {
         dlg.reset(new PINDialog(PINDialog::KeyBoardMode(keyboard), true, type, fake.get(), 1.0f));
@@ -93,11 +84,6 @@ class TestPINDialog : public QObject
         QVERIFY(QTest::qWaitForWindowActive(dlg.get()));
     }
     static QWidget *focus() { return QApplication::focusWidget(); }
-    static void drain() // runs what is posted (queued answers, deletions): "nothing" is final
-    {
-        QCoreApplication::sendPostedEvents();
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    }
 
 private slots:
     void init() { dlg.reset(), fake.reset(new FakeUiStatus(6, 300)); }
@@ -108,7 +94,6 @@ private slots:
     // keeps a 4.5:1 contrast on a light and on a dark blue palette, red unless normal or high.
     void testLevel()
     {
-        const QStringList verdicts = {"Pin:Weak", "Pin:Normal", "Pin:High"};
         const QPalette light = QApplication::palette(), dark(QColor(0x20, 0x20, 0x60));
         int n = 0;
         fake->pinMax = 16;
@@ -126,7 +111,7 @@ private slots:
             fake->pinMin = min;
             const QString verdict
                     = level < 3 ? QString("The password must be %1-16 characters").arg(min)
-                                : verdicts[level - 3];
+                                : QString("Pin:Weak Pin:Normal Pin:High").split(' ')[level - 3];
             for (const QString &pin : pins) {
                 QApplication::setPalette(++n % 2 ? light : dark);
                 PINDialog dlg(PINDialog::FullKeyBoard, false, 2, fake.get(), 1.0f);
@@ -181,20 +166,18 @@ private slots:
         last->setFocus();
         const QString how = c.refused == -2 ? c.name : c.type % 2 ? "Return" : "OK";
         if (how == "OK" || how == "Cancel")
-            QTest::mouseClick(child<QPushButton>("pushButton_" + how), Qt::LeftButton);
-        else if (how != "close" && how != "deleted")
+            QTest::mouseClick(child("pushButton_" + how), Qt::LeftButton);
+        else if (how != "close")
             QTest::keySequence(last, QKeySequence(how));
         for (int n = 0; c.refused < 0 && n < 2; ++n) // later closes answer nothing
             dlg->windowHandle()->close();
-        if (how == "deleted") // nor does a window its owner deletes
-            dlg.reset();
-        drain();
-        QCOMPARE(fake->pinReports.load(), c.refused >= 0 || how == "deleted" ? 0 : 1);
+        QCoreApplication::sendPostedEvents(); // runs queued answers: "nothing" is final
+        QCOMPARE(fake->pinReports.load(), c.refused >= 0 ? 0 : 1);
         QCOMPARE(fake->lastPinBuffer(), c.refused == -1 ? c.result : QByteArray());
-        QCOMPARE(fake->pinStatusValue(), c.refused >= 0 || how == "deleted" ? -1 : c.refused + 2);
+        QCOMPARE(fake->pinStatusValue(), c.refused >= 0 ? -1 : c.refused + 2);
         if (c.refused < 0)
             return;
-        QCOMPARE(child<QLabel>("label_comments")->text(), QString(c.result));
+        QCOMPARE(dlg->findChild<QLabel *>("label_comments")->text(), QString(c.result));
         QCOMPARE(QAccessible::queryAccessibleInterface(edit(1))->text(QAccessible::Description),
                  QString(c.result));
         QTRY_VERIFY(edit(c.refused)->hasFocus());
@@ -211,8 +194,8 @@ private slots:
         for (int type : {0, 2, 5}) { // the keyboard: simple for even types, full for odd
             show(type, type % 2);
             QWidget *panel = child("widget_softkeyboard"), *kb = dlg->keyboardWidget();
-            auto *button = child<QToolButton>(type ? "toolButtonnew_softkeyboard"
-                                                   : "toolButtonold_softkeyboard");
+            auto *button = dlg->findChild<QToolButton *>(type ? "toolButtonnew_softkeyboard"
+                                                              : "toolButtonold_softkeyboard");
             QVERIFY(!panel->isVisible() && !button->isChecked() && kb->parentWidget() == panel);
             QLineEdit *last = edit(type ? 2 : 0);
             const QList<QWidget *> order
@@ -234,7 +217,7 @@ private slots:
             QVERIFY(focus() != first && kb->isAncestorOf(focus()));
             for (Qt::Key k : {Qt::Key_Space, Qt::Key_Return})
                 QTest::keyClick(focus(), k);
-            drain();
+            QCoreApplication::sendPostedEvents();
             QCOMPARE(last->text().size() * 10 + fake->pinReports.load(), 20);
             // Each key types its face, plain, then shifted (shift swaps every face in place); the
             // backspace key takes one back; a shuffle deals the same faces anew.
@@ -270,22 +253,28 @@ private slots:
         }
     }
 
-    // The show toggle: masked by default; shown in clear yet never selectable and still masked
-    // for assistive tools; masked again when the dialog is hidden. On X11 the Caps Lock hint
-    // follows Caps Lock while a PIN field has the focus; where the platform cannot tell, it never
-    // shows. A comment that needs more lines grows the window, which stays on the screen.
-    // Activation is asked for again later, except under Wayland, which refuses it. Nothing gets
-    // in or out through the clipboard, the selection or drag and drop, while a plain line edit
-    // shows that each way works here; a left click still places the cursor.
+    // Show toggle: shown in clear, never selectable, masked for assistive tools and again once
+    // hidden. The Caps Lock hint shows on X11 while a PIN field has the focus, elsewhere never. A
+    // long comment grows the window, kept on the screen. Nothing gets in or out by clipboard,
+    // selection or drag and drop (a plain line edit shows each way works); a left click places
+    // the cursor. Activation is asked for again later, except under Wayland, which refuses it.
     void testFieldAids()
     {
         const bool x11 = QGuiApplication::platformName() == QLatin1String("xcb"),
                    wayland = QGuiApplication::platformName().startsWith("wayland");
+        QClipboard *clipboard = QGuiApplication::clipboard();
+        QMimeData mime;
+        mime.setText("zzzzzz");
+        QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
+        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
+        QLineEdit control;
+        control.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&control));
         setCapsLock(true);
         show(2);
         for (int f = 0; f < 3; ++f) {
             QLineEdit *e = edit(f);
-            auto *toggle = child<QAction>(QString(fields[f]) + "_show");
+            auto *toggle = dlg->findChild<QAction *>(QString(fields[f]) + "_show");
             QVERIFY(e->echoMode() == QLineEdit::Password && toggle->text() == "Show PIN");
             e->setText("a1b2c3");
             toggle->trigger();
@@ -298,7 +287,7 @@ private slots:
             QVERIFY(iface->state().passwordEdit && !iface->textInterface());
             QCOMPARE(iface->text(QAccessible::Value), QStringLiteral("******"));
         }
-        auto *hint = child<QLabel>("label_capsLock");
+        QWidget *hint = child("label_capsLock");
         for (bool on : {true, false}) {
             edit(0)->setFocus();
             QTRY_VERIFY(edit(0)->hasFocus());
@@ -311,28 +300,13 @@ private slots:
         const QRect area = dlg->screen()->availableGeometry();
         dlg->move(area.left() + 10, area.bottom() + 1 - dlg->frameGeometry().height());
         dlg->setComment(QString("a long reason ").repeated(15));
-        auto *comments = child<QLabel>("label_comments");
+        QWidget *comments = child("label_comments");
         QVERIFY(comments->height() >= comments->heightForWidth(comments->width()));
-        QVERIFY(area.contains(dlg->frameGeometry())
-                && dlg->frameGeometry().x() == area.left() + 10);
-        dlg->hide();
-        for (int f = 0; f < 3; ++f)
-            QVERIFY(!edit(f)->findChild<PinFieldReveal *>()->isShown());
-        const int timers = QAbstractEventDispatcher::instance()->children().size();
-        dlg->SetWindowAcitive(); // a delayed single shot's timer is a child of the dispatcher
-        QCOMPARE(QAbstractEventDispatcher::instance()->children().size() - timers, wayland ? 0 : 1);
-        if (wayland) // its clipboard serves focused windows only: the other runs cover the rest
-            return;
-        QClipboard *clipboard = QGuiApplication::clipboard();
-        QMimeData mime;
-        mime.setText("zzzzzz");
-        QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
-        QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &mime, Qt::LeftButton, {});
-        QLineEdit control;
-        control.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&control));
-        show(2);
-        for (const QString how : {"Ctrl+V", "Shift+Ins", "middle", "drop", "Ctrl+C, Ctrl+X"}) {
+        QVERIFY(area.contains(dlg->frameGeometry()) && dlg->x() == area.left() + 10);
+        // Wayland's clipboard serves focused windows only: the other runs cover it.
+        for (const QString &how :
+             wayland ? QStringList()
+                     : QStringList{"Ctrl+V", "Shift+Ins", "middle", "drop", "Ctrl+C, Ctrl+X"}) {
             const auto mode = how == "middle" ? QClipboard::Selection : QClipboard::Clipboard;
             if (mode == QClipboard::Selection && !clipboard->supportsSelection())
                 continue; // none offscreen: the run of this test on an X server covers it
@@ -360,6 +334,12 @@ private slots:
         }
         QTest::mouseClick(edit(1), Qt::LeftButton, {}, QPoint(1, edit(1)->height() / 2));
         QCOMPARE(edit(1)->cursorPosition(), 0);
+        dlg->hide();
+        for (int f = 0; f < 3; ++f)
+            QVERIFY(!edit(f)->findChild<PinFieldReveal *>()->isShown());
+        const int timers = QAbstractEventDispatcher::instance()->children().size();
+        dlg->SetWindowAcitive(); // a delayed single shot's timer is a child of the dispatcher
+        QCOMPARE(QAbstractEventDispatcher::instance()->children().size() - timers, wayland ? 0 : 1);
         QCOMPARE(fake->pinReports.load(), 0);
     }
 };
