@@ -219,8 +219,8 @@ private slots:
                 QTest::keyClick(focus(), k);
             QCoreApplication::sendPostedEvents();
             QCOMPARE(last->text().size() * 10 + fake->pinReports.load(), 20);
-            // Each key types its face, plain, then shifted (shift swaps every face in place); the
-            // backspace key takes one back; a shuffle deals the same faces anew.
+            // Each key types its face by the left button alone, plain, then shifted (shift swaps
+            // every face in place); the backspace key takes one back; a shuffle deals them anew.
             const auto keys
                     = kb->findChildren<QLabel *>(QRegularExpression("_(number|char|note)_"));
             const QString az = "abcdefghijklmnopqrstuvwxyz",
@@ -236,8 +236,9 @@ private slots:
                 const QString shown = faces();
                 QCOMPARE(sorted(shown), sorted(all[shift]));
                 last->clear();
-                for (QLabel *k : keys)
-                    QTest::mouseClick(k, Qt::LeftButton);
+                for (auto b : {Qt::RightButton, Qt::MiddleButton, Qt::LeftButton})
+                    for (QLabel *k : keys)
+                        QTest::mouseClick(k, b);
                 QMetaObject::invokeMethod(kb, "input_backspace");
                 QCOMPARE(last->text(), shown.chopped(1));
                 QTest::mouseClick(kb->findChild<QLabel *>("label_shift"), Qt::LeftButton);
