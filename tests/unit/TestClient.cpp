@@ -97,12 +97,23 @@ private slots:
         QCOMPARE(zrui_open(QByteArray(106 - uidSize, 'n').constData(), &h), int(ZRUI_E_NOSERVER));
         QVERIFY(!h && zrui_open(QByteArray(107 - uidSize, 'n').constData(), &h) == ZRUI_E_INVAL);
         QCOMPARE(zrui_open(nullptr, nullptr), int(ZRUI_E_INVAL));
-        // A server whose backlog is full is busy.
+        // A server whose backlog is full is busy; one that listens under another uid gets no byte.
         Server server;
         QVERIFY(listen(server.listenFd, 0) == 0);
         QCOMPARE(zrui_open(server.name.constData(), &h), int(ZRUI_OK));
         QCOMPARE(zrui_open_timeout(server.name.constData(), 100, &server.h), int(ZRUI_E_BUSY));
         zrui_close(h);
+        ::close(accept(server.listenFd, nullptr, nullptr));
+        if (geteuid() != 0)
+            QSKIP("the listener under uid 65534 needs root");
+        QVERIFY(seteuid(65534) == 0);
+        const int listening = listen(server.listenFd, 1);
+        QVERIFY(seteuid(0) == 0 && listening == 0);
+        QCOMPARE(zrui_open(server.name.constData(), &h), int(ZRUI_E_PEER));
+        const int fd = accept(server.listenFd, nullptr, nullptr);
+        char c;
+        QCOMPARE(::recv(fd, &c, 1, 0), ssize_t(0));
+        ::close(fd);
     }
 
     // The largest message box and waiting text fill a packet exactly; what does not fit, or a
